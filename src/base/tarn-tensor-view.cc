@@ -1,0 +1,214 @@
+// Element access, views and partial copies of Tensor.
+
+#include <algorithm>
+#include <type_traits>
+#include <utility>
+
+#include "base/tarn-tensor.h"
+#include "utils/logging.h"
+#include "utils/text-utils.h"
+
+namespace tarn {
+
+template <typename T>
+T Tensor::Item() const {
+  if (data_ == nullptr || !shape_.empty()) {
+    TARN_LOG(FATAL) << "please call it on scalar Tensor.";
+  }
+  if (location_ == DEVICE) {
+    TARN_LOG(FATAL) << "move the tensor to HOST and retry.";
+  }
+  T item = 0;
+  VisitElements<T>(__func__, [&item](auto* elements) {
+    if (elements != nullptr) item = static_cast<T>(*elements);
+  });
+  return item;
+}
+
+template <typename T>
+void Tensor::Fill(T value) {
+  const unsigned int count = GetElementNum();
+  VisitElements<T>(__func__, [count, value](auto* elements) {
+    using Element = std::remove_pointer_t<decltype(elements)>;
+    std::fill_n(elements, count, static_cast<Element>(value));
+  });
+}
+
+// Hands the elements to `visit` as a pointer to the type that T asks for in a
+// tensor of this type, on behalf of `function`.
+template <typename T, typename Visit>
+void Tensor::VisitElements(const char* function, Visit visit) const {
+  switch (data_type_) {
+    case FLOAT32:
+      return VisitElementsAs<T, float, float>(function, visit);
+    case FLOAT64:
+      return VisitElementsAs<T, double, double>(function, visit);
+    case INT32:
+      return VisitElementsAs<T, int, unsigned int>(function, visit);
+    case INT64:
+      return VisitElementsAs<T, long, unsigned long>(function, visit);
+    case INT16:
+      return VisitElementsAs<T, short, unsigned short>(function, visit);
+    case INT8:
+      return VisitElementsAs<T, signed char, unsigned char>(function, visit);
+    case FLOAT16:
+      break;
+  }
+  TARN_LOG_AS(FATAL, function)
+      << "can't fill tensor of type:" << ConvertDataTypeToString(data_type_);
+}
+
+template <typename T, typename Signed, typename Unsigned, typename Visit>
+void Tensor::VisitElementsAs(const char* function, Visit visit) const {
+  constexpr bool kIsSigned = std::is_same<T, Signed>::value;
+  if constexpr (!kIsSigned && !std::is_same<T, Unsigned>::value) {
+    TARN_LOG_AS(FATAL, function) << "the data type of tensor is mismatched.";
+  }
+  visit(Data<std::conditional_t<kIsSigned, Signed, Unsigned>>());
+}
+
+template float Tensor::Item() const;
+template double Tensor::Item() const;
+template int Tensor::Item() const;
+template unsigned int Tensor::Item() const;
+template long Tensor::Item() const;
+template unsigned long Tensor::Item() const;
+template short Tensor::Item() const;
+template unsigned short Tensor::Item() const;
+template signed char Tensor::Item() const;
+template unsigned char Tensor::Item() const;
+
+template void Tensor::Fill(float);
+template void Tensor::Fill(double);
+template void Tensor::Fill(int);
+template void Tensor::Fill(unsigned int);
+template void Tensor::Fill(long);
+template void Tensor::Fill(unsigned long);
+template void Tensor::Fill(short);
+template void Tensor::Fill(unsigned short);
+template void Tensor::Fill(signed char);
+template void Tensor::Fill(unsigned char);
+
+Tensor Tensor::operator[](int index) const {
+  if (shape_.empty()) {
+    TARN_LOG(FATAL) << "can't operator on scalar.";
+    return *this;  // Reached only when the log level silences fatal checks.
+  }
+  if (!IsValidIndex(index, 0)) {
+    TARN_LOG(FATAL) << "index beyond the range of dimension.";
+  }
+  return ViewAt(&index, 1);
+}
+
+Tensor Tensor::Slice(const std::vector<int>& indices) const {
+  if (indices.size() > shape_.size()) {
+    TARN_LOG(FATAL)
+        << "the size of indices is more than the number of dimensions.";
+    return *this;  // Reached only when the log level silences fatal checks.
+  }
+  for (size_t k = 0; k < indices.size(); ++k) {
+    if (!IsValidIndex(indices[k], k)) {
+      TARN_LOG(FATAL) << "index:" << k << " beyond the range of dimension.";
+    }
+  }
+  return ViewAt(indices.data(), indices.size());
+}
+
+Tensor Tensor::SubTensor(unsigned int start, unsigned int count) const {
+  Tensor view;
+  view.data_type_ = data_type_;
+  view.location_ = location_;
+  if (shape_.empty()) {
+    TARN_LOG(FATAL) << "the tensor is scalar or empty.";
+    return view;  // Reached only when the log level silences fatal checks.
+  }
+  if (uint64_t{start} + count > static_cast<uint64_t>(shape_[0])) {
+    TARN_LOG(FATAL) << "range is invalid, expect in rang [0, " << shape_[0]
+                    << "].";
+  }
+  if (count == 0) return view;
+  std::vector<int> shape = shape_;
+  shape[0] = static_cast<int>(count);
+  return View(static_cast<ptrdiff_t>(start) * GetStride()[0], std::move(shape));
+}
+
+std::vector<int> Tensor::GetStride() const {
+  std::vector<int> strides(shape_.size());
+  unsigned int stride = 1;
+  for (size_t k = shape_.size(); k-- > 0;) {
+    strides[k] = static_cast<int>(stride);
+    stride *= static_cast<unsigned int>(shape_[k]);
+  }
+  return strides;
+}
+
+void Tensor::PartialCopy(const Tensor& src, std::vector<int> offsets) {
+  const size_t rank = shape_.size();
+  if (src.shape_.size() != rank) {
+    TARN_LOG(FATAL) << "the rank of tensors should be equal.";
+    return;  // Reached only when the log level silences fatal checks.
+  }
+  if (rank == 0) return Copy(src);
+  offsets.resize(rank, 0);
+  for (size_t k = 0; k < rank; ++k) {
+    const int64_t end = int64_t{src.shape_[k]} + offsets[k];
+    if (offsets[k] < 0 || end > shape_[k]) {
+      TARN_LOG(FATAL) << "range at dimension:" << k << " is mismatched.";
+      return;  // Reached only when the log level silences fatal checks.
+    }
+  }
+  CopyIntoRegion(src, offsets.data());
+}
+
+void Tensor::PartialCopyFrom(const Tensor& src,
+                             const std::vector<int>& offsets) {
+  PartialCopy(src, offsets);
+}
+
+void Tensor::PartialCopyTo(Tensor& dst, const std::vector<int>& offsets) {
+  dst.PartialCopy(*this, offsets);
+}
+
+bool Tensor::IsValidIndex(int index, size_t dimension) const {
+  const int size = shape_[dimension];
+  return index >= -size && index < size;
+}
+
+// The view whose leading `count` dimensions are fixed to `indices`; a negative
+// index counts from the end.
+Tensor Tensor::ViewAt(const int* indices, size_t count) const {
+  const std::vector<int> strides = GetStride();
+  ptrdiff_t first_element = 0;
+  for (size_t k = 0; k < count; ++k) {
+    const ptrdiff_t index = indices[k] < 0 ? indices[k] + ptrdiff_t{shape_[k]}
+                                           : ptrdiff_t{indices[k]};
+    first_element += index * strides[k];
+  }
+  const auto inner = shape_.begin() + static_cast<ptrdiff_t>(count);
+  return View(first_element, std::vector<int>(inner, shape_.end()));
+}
+
+Tensor Tensor::View(ptrdiff_t first_element, std::vector<int> shape) const {
+  Tensor view;
+  view.storage_ = storage_;
+  view.data_ = Data<char>() + first_element * ptrdiff_t{GetElementSize()};
+  view.shape_ = std::move(shape);
+  view.data_type_ = data_type_;
+  view.location_ = location_;
+  return view;
+}
+
+// Copies run by run: where the inner dimensions agree, the whole of `src` is
+// one run. The region must fit.
+void Tensor::CopyIntoRegion(const Tensor& src, const int* offsets) {
+  if (std::equal(shape_.begin() + 1, shape_.end(), src.shape_.begin() + 1)) {
+    const ptrdiff_t first_element = ptrdiff_t{offsets[0]} * GetStride()[0];
+    View(first_element, src.shape_).Copy(src);
+    return;
+  }
+  for (int i = 0; i < src.shape_[0]; ++i) {
+    (*this)[offsets[0] + i].CopyIntoRegion(src[i], offsets + 1);
+  }
+}
+
+}  // namespace tarn
