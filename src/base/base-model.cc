@@ -17,6 +17,8 @@ constexpr unsigned int kIdleInterval = 1000000;
 
 template class Queue<BaseProxy*>;
 
+InferenceObserver::~InferenceObserver() = default;
+
 Model::~Model() = default;
 
 bool Model::Ready() const { return true; }
@@ -59,6 +61,7 @@ void BaseModel::Inference(BaseProxy* proxy) {
 // The proxy belongs to the inference thread from Push() until that thread
 // notifies it, which ends Wait().
 void BaseModel::HandToInferThread(BaseProxy* proxy) {
+  Observe(InferenceObserver::QUEUED, proxy);
   queue_->Push(proxy, info_->HasBatchDimension() ? BatchSize() : 1);
   proxy->Wait();
 }
@@ -67,11 +70,12 @@ void BaseModel::HandToInferThread(BaseProxy* proxy) {
 // others wait. No lock is held while a caller waits. A proxy belongs to
 // whichever caller popped it until that caller notifies it.
 void BaseModel::ComputeWithOtherCallers(BaseProxy* proxy) {
+  Observe(InferenceObserver::QUEUED, proxy);
   queue_->Push(proxy, kWakeNobody);
   const std::vector<BaseProxy*> batch = queue_->Pop(BatchSize());
   if (!batch.empty()) {
     const std::lock_guard<std::mutex> lock(*compute_mutex_);
-    Compute(batch);
+    ComputeObserved(batch);
   }
   bool computed = false;
   for (BaseProxy* member : batch) {
@@ -87,11 +91,31 @@ void BaseModel::ComputeWithOtherCallers(BaseProxy* proxy) {
 
 void BaseModel::ComputeHere(BaseProxy* proxy) {
   if (compute_mutex_ == nullptr) {
-    Compute(proxy);
+    ComputeObserved(proxy);
     return;
   }
   const std::lock_guard<std::mutex> lock(*compute_mutex_);
-  Compute(proxy);
+  ComputeObserved(proxy);
+}
+
+// Computes one request or a batch of them.
+template <typename Requests>
+void BaseModel::ComputeObserved(const Requests& requests) {
+  Observe(InferenceObserver::TAKEN, requests);
+  Compute(requests);
+  Observe(InferenceObserver::SCATTERED, requests);
+}
+
+void BaseModel::Observe(InferenceObserver::Event event,
+                        const std::vector<BaseProxy*>& proxies) const {
+  InferenceObserver* observer = observer_.load(std::memory_order_acquire);
+  if (observer != nullptr) observer->OnEvent(event, proxies);
+}
+
+void BaseModel::Observe(InferenceObserver::Event event,
+                        BaseProxy* proxy) const {
+  InferenceObserver* observer = observer_.load(std::memory_order_acquire);
+  if (observer != nullptr) observer->OnEvent(event, {proxy});
 }
 
 unsigned int BaseModel::BatchSize() const {
@@ -137,7 +161,7 @@ bool BaseModel::IsStopped() const {
 
 void BaseModel::ServeBatch(unsigned int batch_size, unsigned int interval) {
   const std::vector<BaseProxy*> batch = queue_->Pop(batch_size, interval);
-  if (!batch.empty()) Compute(batch);
+  if (!batch.empty()) ComputeObserved(batch);
   // A notified proxy is its caller's again and may be gone at once.
   for (BaseProxy* proxy : batch) proxy->Notify();
 }
@@ -145,7 +169,7 @@ void BaseModel::ServeBatch(unsigned int batch_size, unsigned int interval) {
 void BaseModel::ServeOne() {
   const std::vector<BaseProxy*> popped = queue_->Pop(1, kIdleInterval);
   for (BaseProxy* proxy : popped) {
-    Compute(proxy);
+    ComputeObserved(proxy);
     proxy->Notify();
   }
 }

@@ -11,6 +11,7 @@
 
 #include "base/base-model-info.h"
 #include "base/base-model-options.h"
+#include "base/base-observer.h"
 #include "base/base-queue.h"
 #include "utils/export.h"
 #include "utils/tarn-device.h"
@@ -78,6 +79,9 @@ class TARN_EXPORT BaseModel : public Model {
   // Computes several requests as one batch, at most the batch size.
   virtual void Compute(const std::vector<BaseProxy*>& proxies) = 0;
 
+  // See SetObserver().
+  void SetObserver(InferenceObserver* observer) { observer_ = observer; }
+
   // The body of the inference thread. Serves the queue until the model is to
   // stop and the queue is drained; returns a null pointer.
   static void* ThreadFunction(BaseModel* model);
@@ -88,6 +92,12 @@ class TARN_EXPORT BaseModel : public Model {
 
   // Lets the inference thread drain the queue and joins it, if there is one.
   void StopInferThread();
+
+  // Tells the observer, if there is one. A backend reports GATHERED and
+  // COMPUTED, this class the other events.
+  void Observe(InferenceObserver::Event event,
+               const std::vector<BaseProxy*>& proxies) const;
+  void Observe(InferenceObserver::Event event, BaseProxy* proxy) const;
 
   // The most requests that one batch holds. Needs a batch dimension.
   unsigned int BatchSize() const;
@@ -100,8 +110,11 @@ class TARN_EXPORT BaseModel : public Model {
   std::shared_ptr<std::mutex> compute_mutex_;
   std::thread thread_;
   std::atomic<bool> running_{false};
+  std::atomic<InferenceObserver*> observer_{nullptr};  // Not owned.
 
  private:
+  template <typename Requests>
+  void ComputeObserved(const Requests& requests);
   void HandToInferThread(BaseProxy* proxy);
   void ComputeWithOtherCallers(BaseProxy* proxy);
   void ComputeHere(BaseProxy* proxy);

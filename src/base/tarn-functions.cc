@@ -174,4 +174,13 @@ std::vector<Model*> NewSharedModelsFromMem(
                     options, devices);
 }
 
+void SetObserver(Model* model, InferenceObserver* observer) {
+  auto* base_model = dynamic_cast<BaseModel*>(model);
+  if (base_model == nullptr) {
+    TARN_LOG(FATAL) << "the model can't be observed.";
+    return;  // Reached only when the log level silences fatal checks.
+  }
+  base_model->SetObserver(observer);
+}
+
 }  // namespace tarn

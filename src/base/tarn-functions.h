@@ -50,6 +50,11 @@ TARN_EXPORT std::vector<Model*> NewSharedModelsFromMem(
     const std::vector<std::string>& devices, const std::string& model_bytes,
     const std::string& weights, const std::string& cache);
 
+// Lets `observer` watch the model's requests, or nobody when it is null. To be
+// set while no inference runs; the observer must outlive the model or the next
+// call. FATAL for a model that was not made by this library's classes.
+TARN_EXPORT void SetObserver(Model* model, InferenceObserver* observer);
+
 }  // namespace tarn
 
 #endif  // TARN_BASE_TARN_FUNCTIONS_H_

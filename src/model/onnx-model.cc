@@ -209,7 +209,7 @@ void OnnxModel::Compute(BaseProxy* proxy) {
     binding.BindOutput(name.c_str(),
                        Wrap(outputs.back(), output_types_[i], memory));
   }
-  if (!Run(binding)) return;
+  if (!Run(binding, proxy)) return;
   for (size_t i = 0; i < output_names_.size(); ++i) {
     const std::string& name = output_names_[i];
     if (info_->HasOutput(name)) {
@@ -251,7 +251,7 @@ void OnnxModel::Compute(const std::vector<BaseProxy*>& proxies) {
     binding.BindOutput(name.c_str(),
                        Wrap(outputs.back(), output_types_[i], memory));
   }
-  if (!Run(binding)) return;
+  if (!Run(binding, proxies)) return;
   for (size_t i = 0; i < output_names_.size(); ++i) {
     ScatterRows(output_names_[i], outputs[i], proxies);
   }
@@ -335,14 +335,19 @@ void OnnxModel::ScatterRows(const std::string& name, const Tensor& batch,
   }
 }
 
-bool OnnxModel::Run(const Ort::IoBinding& binding) {
+// Runs the session for one request or a batch of them.
+template <typename Requests>
+bool OnnxModel::Run(const Ort::IoBinding& binding, const Requests& requests) {
+  Observe(InferenceObserver::GATHERED, requests);
+  bool succeeded = true;
   try {
     session_->Run(Ort::RunOptions{nullptr}, binding);
-    return true;
   } catch (const Ort::Exception& exception) {
+    succeeded = false;
     TARN_LOG_AS(ERROR, "Compute") << "inference failed: " << exception.what();
-    return false;
   }
+  Observe(InferenceObserver::COMPUTED, requests);
+  return succeeded;
 }
 
 Tensor::DataType OnnxModel::OnnxDataTypeToTarn(ONNXTensorElementDataType type) {

@@ -77,7 +77,8 @@ class TARN_EXPORT OnnxModel : public BaseModel {
   void ScatterRows(const std::string& name, const Tensor& batch,
                    const std::vector<BaseProxy*>& proxies) const;
   Tensor BatchOutput(const std::string& name, const Tensors& batches) const;
-  bool Run(const Ort::IoBinding& binding);
+  template <typename Requests>
+  bool Run(const Ort::IoBinding& binding, const Requests& requests);
 
   std::unique_ptr<Ort::Env> env_;
   std::unique_ptr<Ort::Session> session_;
