@@ -6,6 +6,9 @@
 
 #include "utils/logging.h"
 // The factory is the one place in base that knows the backends it makes.
+#ifdef USE_BACKEND_MACE
+#include "model/mace-model.h"
+#endif
 #ifdef USE_BACKEND_ONNX
 #include "model/onnx-model.h"
 #endif
@@ -48,13 +51,21 @@ std::unique_ptr<Model> MakeOnnxModel([[maybe_unused]] const Request& request,
 #endif
 }
 
-std::unique_ptr<Model> MakeMaceModel(const Request& request) {
+std::unique_ptr<Model> MakeMaceModel(const Request& request,
+                                     [[maybe_unused]] const Shared& shared,
+                                     [[maybe_unused]] const Device& device) {
   if (request.from_memory) {
     TARN_LOG_AS(FATAL, request.function) << "unimplemented.";
-  } else {
-    ReportNotBuiltIn("USE_BACKEND_MACE", request.function);
+    return nullptr;  // Reached only when the log level silences fatal checks.
   }
+#ifdef USE_BACKEND_MACE
+  return std::make_unique<MaceModel>(shared.info, request.model,
+                                     request.weights, request.cache, device,
+                                     shared.queue);
+#else
+  ReportNotBuiltIn("USE_BACKEND_MACE", request.function);
   return nullptr;
+#endif
 }
 
 std::unique_ptr<Model> MakeModel(const Request& request, const Shared& shared,
@@ -63,7 +74,7 @@ std::unique_ptr<Model> MakeModel(const Request& request, const Shared& shared,
   if (request.backend == "onnx") {
     model = MakeOnnxModel(request, shared, device);
   } else if (request.backend == "mace") {
-    model = MakeMaceModel(request);
+    model = MakeMaceModel(request, shared, device);
   } else if (request.backend == "tensorrt") {
     ReportNotBuiltIn("USE_BACKEND_TENSORRT", request.function);
   } else {

@@ -1,0 +1,75 @@
+#include "support/log.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <regex>
+
+namespace tarn {
+
+namespace {
+
+std::vector<std::string> Lines(const std::string& log) {
+  static const std::regex pattern(
+      R"(\[TARN 240223_qvx\] (\w+) \(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )"
+      R"((\S+)\(\):[^\n]*?:\d+\) ([^\n]*)\n)");
+  std::vector<std::string> lines;
+  for (std::sregex_iterator line(log.begin(), log.end(), pattern), end;
+       line != end; ++line) {
+    lines.push_back(line->format("$1 $2: $3"));
+  }
+  return lines;
+}
+
+std::string LastLine(const std::string& log) {
+  const std::vector<std::string> lines = Lines(log);
+  return lines.empty() ? "" : lines.back();
+}
+
+}  // namespace
+
+std::string LogOf(const Action& action) {
+  testing::internal::CaptureStdout();
+  action();
+  return testing::internal::GetCapturedStdout();
+}
+
+std::string StderrOf(const Action& action) {
+  testing::internal::CaptureStderr();
+  action();
+  return testing::internal::GetCapturedStderr();
+}
+
+std::vector<std::string> LinesOf(const Action& action) {
+  return Lines(LogOf(action));
+}
+
+void ExpectFatal(const Action& action, const std::string& text,
+                 const std::string& function, const std::string& file) {
+  using testing::HasSubstr;
+  using testing::Matcher;
+  const auto run = [&action] {
+    // A death test sees only standard error, and nothing is flushed.
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    action();
+  };
+  const Matcher<std::string> line =
+      function.empty()
+          ? Matcher<std::string>(HasSubstr(text))
+          : Matcher<std::string>("FATAL " + function + ": " + text);
+  EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT),
+              testing::AllOf(testing::ResultOf(LastLine, line), HasSubstr(file),
+                             testing::EndsWith("\n\n\n")));
+}
+
+void ExpectFatalUnlessSilent(const Action& action, const std::string& text) {
+  ExpectFatal(action, text);
+  const ScopedLogLevel level(kSilent);
+  EXPECT_EQ(LogOf(action), "");
+}
+
+}  // namespace tarn
