@@ -2,6 +2,7 @@
 #define TARN_BENCH_BARE_MODEL_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 

@@ -38,7 +38,6 @@ class Rounds {
 
   // Prints both sides' medians, in `unit`, and the ratio beside them.
   void Report(const std::string& unit, benchmark::State& state) {
- if(getenv("V"))for(size_t i=0;i<library_.size();++i)printf("%c %.0f %.0f\n",i%2?76:66,library_[i],bare_[i]);
     state.counters["library_" + unit] = Quantile(0.5, library_);
     state.counters["bare_" + unit] = Quantile(0.5, bare_);
     state.counters["ratio"] = Quantile(0.5, ratio_);
@@ -49,8 +48,8 @@ class Rounds {
  private:
   static double Quantile(double part, std::vector<double>& values) {
     std::sort(values.begin(), values.end());
-    return values[static_cast<size_t>(
-        part * static_cast<double>(values.size() - 1))];
+    return values[static_cast<size_t>(part *
+                                      static_cast<double>(values.size() - 1))];
   }
 
   std::vector<double> library_;

@@ -51,24 +51,26 @@ TEST(MemoryTest, WorksOnTheHostAndIgnoresSizeZero) {
 
 TEST(MemoryDeathTest, RefusesDevicesAndNullPointers) {
   char b[2];
-  ExpectFatalUnlessSilent(
-      [] { SetActiveDevice(Device("cuda:1")); },
-      "SetActiveDevice: expect macro:ON_DEVICE_CUDA to be turned on.");
-  ExpectFatalUnlessSilent([] { EXPECT_EQ(MallocOnDevice(1), nullptr); },
-                          "MallocOnDevice: malloc memorys on unknow device.");
-  ExpectFatalUnlessSilent([] { FreeOnDevice(nullptr); },
-                          "FreeOnDevice: free memorys on unknow device.");
-  ExpectFatalUnlessSilent([] { MemorySet(nullptr, 0, 1, Tensor::DEVICE); },
-                          "MemorySet: the dst is nullptr.");
-  ExpectFatalUnlessSilent([&] { MemorySet(b, 0, 1, Tensor::DEVICE); },
-                          "MemorySet: set memorys on unknow device.");
-  ExpectFatalUnlessSilent([&] { MemoryCopy(b, nullptr, 1, HOST_TO_DEVICE); },
-                          "MemoryCopy: the dst or src is nullptr.");
-  ExpectFatalUnlessSilent([&] { MemoryCopy(nullptr, b, 1, HOST_TO_HOST); },
-                          "MemoryCopy: the dst or src is nullptr.");
+  const auto expect = [](const std::string& line, const Action& action) {
+    ExpectFatalUnlessSilent(action, "FATAL " + line);
+  };
+  expect("SetActiveDevice: expect macro:ON_DEVICE_CUDA to be turned on.",
+         [] { SetActiveDevice(Device("cuda:1")); });
+  expect("MallocOnDevice: malloc memorys on unknow device.",
+         [] { EXPECT_EQ(MallocOnDevice(1), nullptr); });
+  expect("FreeOnDevice: free memorys on unknow device.",
+         [] { FreeOnDevice(nullptr); });
+  expect("MemorySet: the dst is nullptr.",
+         [] { MemorySet(nullptr, 0, 1, Tensor::DEVICE); });
+  expect("MemorySet: set memorys on unknow device.",
+         [&] { MemorySet(b, 0, 1, Tensor::DEVICE); });
+  expect("MemoryCopy: the dst or src is nullptr.",
+         [&] { MemoryCopy(b, nullptr, 1, HOST_TO_DEVICE); });
+  expect("MemoryCopy: the dst or src is nullptr.",
+         [&] { MemoryCopy(nullptr, b, 1, HOST_TO_HOST); });
   for (const auto way : {HOST_TO_DEVICE, DEVICE_TO_DEVICE, DEVICE_TO_HOST}) {
-    ExpectFatalUnlessSilent([&] { MemoryCopy(b, b + 1, 1, way); },
-                            "MemoryCopy: copy memorys on unknow device.");
+    expect("MemoryCopy: copy memorys on unknow device.",
+           [&] { MemoryCopy(b, b + 1, 1, way); });
   }
 }
 

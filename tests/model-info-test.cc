@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -42,8 +41,7 @@ constexpr char kTimeIsDynamic[] =
 
 // The streaming model with other options: " --name=value --name=value".
 ModelOptions Changed(const std::string& changes) {
-  const TempFile file(kStreaming +
-                      std::regex_replace(changes, std::regex(" --"), "\n--"));
+  const TempFile file(kStreaming + Replaced(changes, " --", "\n--"));
   return ModelOptions(file.path(), false);
 }
 

@@ -83,12 +83,9 @@ TEST(ModelTextsDeathTest, RefusesMalformedTexts) {
       {"GetPair", [](auto& text) { Parse(ModelInfo::GetPair, text); }},
       {"GetRange", [](auto& text) { Parse(ModelInfo::GetRange, text); }}};
   for (const auto& row : Rows(kMalformed)) {
-    std::string line = "FATAL " + row[1];
-    if (const size_t mark = line.find('$'); mark != std::string::npos) {
-      line.replace(mark, 1, row[0]);
-    }
     const auto parser = parsers.at(row[1].substr(0, row[1].find(':')));
-    ExpectFatalUnlessSilent([&] { parser(row[0]); }, line);
+    ExpectFatalUnlessSilent([&] { parser(row[0]); },
+                            "FATAL " + Replaced(row[1], "$", row[0]));
   }
 }
 

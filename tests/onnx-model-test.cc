@@ -156,7 +156,8 @@ TEST(OnnxBatchTest, CarriesEveryElementTypeInAnyOrder) {
       const std::string& name = proxy->GetInputName(i);
       const Tensor x = proxy->CreateInput(name, {3});
       const unsigned int size = 3 * x.GetElementSize();
-      std::generate_n(x.Data<unsigned char>(), size, [&] { return ++next_byte; });
+      std::generate_n(x.Data<unsigned char>(), size,
+                      [&] { return ++next_byte; });
       proxy->SetInput(name, x);
     }
   }
@@ -173,8 +174,7 @@ TEST(OnnxBatchTest, CarriesEveryElementTypeInAnyOrder) {
   }
 }
 
-// Doubles requests of the given lengths, as one batch if there is a batch
-// dimension.
+// Doubles requests of the given lengths, as many as one batch holds.
 void ExpectDoubled(OnnxModel& model, const std::vector<int>& lengths) {
   const Proxies proxies = NewProxies(model, lengths.size());
   for (size_t i = 0; i < lengths.size(); ++i) {
@@ -183,13 +183,143 @@ void ExpectDoubled(OnnxModel& model, const std::vector<int>& lengths) {
     const auto value = static_cast<float>(i + 1);
     SetInput(*proxies[i], "feats", std::vector<float>(size, value));
   }
-  if (proxies[0]->GetInputShape(0).size() == 1) {
-    model.Compute(proxies[0].get());
-  } else {
-    ComputeBatch(model, proxies);
-  }
+  ForEach(proxies, [](BaseProxy& proxy) { EXPECT_TRUE(proxy.Inference()); });
   for (size_t i = 0; i < lengths.size(); ++i) {
     const auto value = static_cast<float>(2 * (i + 1));
     EXPECT_THAT(Output<float>(*proxies[i], "doubled"), Each(value));
   }
 }
+
+TEST(OnnxDynamicDeathTest, MixesLengthsOnlyIfOutputsDoNotFollowThem) {
+  const auto single = Load("frames-single");
+  for (int length : {1, 5, 2}) ExpectDoubled(*single, {length});
+  ExpectDoubled(*Load("first-frame"), {2, 5, 1, 3});
+  const auto frames = Load("frames");
+  for (int length : {5, 2}) ExpectDoubled(*frames, std::vector<int>(4, length));
+  ExpectFatal([&] { ExpectDoubled(*frames, {2, 5, 5, 5}); },
+              "range at dimension:0 is mismatched.", "PartialCopy");
+}
+
+// A failed run must leave a log line and no more: no outputs, old state, nobody
+// waiting.
+void ExpectFailureLeavesNoTrace(OnnxModel& model, size_t stream_num) {
+  const Proxies streams = NewProxies(model, stream_num);
+  const auto infer = [&](int64_t first_index, bool succeeds) {
+    ForEach(streams, [&](BaseProxy& stream) {
+      const bool is_first = &stream == streams[0].get();
+      SetInput<int64_t>(stream, "i", {is_first ? first_index : 1, 1, 2});
+      EXPECT_EQ(stream.Inference(), succeeds);
+      EXPECT_EQ(stream.HasOutput("y"), succeeds);
+    });
+  };
+  infer(0, true);
+  const auto lines = LinesOf([&] { infer(1000, false); });
+  ASSERT_EQ(lines.size(), 2U);  // The first is the engine's own.
+  EXPECT_EQ(lines[1].find("ERROR Compute: inference failed: Non-zero"), 0U);
+  infer(0, true);
+  for (const auto& stream : streams) {
+    const float first = stream == streams[0] ? 2 : 20;
+    EXPECT_EQ(Output<float>(*stream, "y"),
+              (std::vector<float>{first, 20, 200}));
+  }
+}
+
+TEST(OnnxFailureTest, LeavesNoTrace) {
+  ExpectFailureLeavesNoTrace(*Load("lookup-single"), 1);
+  ExpectFailureLeavesNoTrace(*Load("lookup-4"), 4);
+  ModelOptions options = OptionsOf("lookup-4");
+  options.infer_thread = true;
+  options.infer_interval = 600 * 1000 * 1000;  // Only full batches.
+  ExpectFailureLeavesNoTrace(*Load("lookup-4", options), 4);
+}
+
+TEST(OnnxFailureTest, LeavesNothingInRowsWithoutAProxy) {
+  const auto model = Load("lookup-4");
+  const auto compute = [&](size_t count, int64_t index) {
+    const Proxies proxies = NewProxies(*model, count);
+    for (const auto& proxy : proxies) {
+      SetInput<int64_t>(*proxy, "i", {index, 1, 2});
+      Tensor sum = proxy->CreateCache("sum", {3});
+      sum.Zeros();
+      proxy->SetCache("sum", sum);
+    }
+    ComputeBatch(*model, proxies);
+    return proxies[0]->HasOutput("y");
+  };
+  LogOf([&] { EXPECT_FALSE(compute(4, 1000)); });
+  EXPECT_TRUE(compute(2, 0));
+}
+
+// Replaces `from` where it first occurs in each text of the description.
+ModelOptions Replaced(ModelOptions options, const std::string& from,
+                      const std::string& to) {
+  for (std::string* text :
+       {&options.inputs_format, &options.inputs_shape, &options.inputs_dtype,
+        &options.outputs_format, &options.outputs_shape, &options.outputs_dtype,
+        &options.caches_pair, &options.caches_shape}) {
+    const size_t at = text->find(from);
+    if (at != std::string::npos) text->replace(at, from.size(), to);
+  }
+  return options;
+}
+
+TEST(OnnxLoadDeathTest, RejectsModelsThatDoNotFitTheirDescription) {
+  // A model, a replacement in its description, and where and what that gives.
+  for (auto& row : Rows(R"(
+types | x-float: | x-int8: | CheckModel | the number of inputs is mismatched.
+types | y-float: | y-int8: | CheckModel | the number of outputs is mismatched.
+accumulator | x: | z: | CheckModel | undefined inputs:x
+accumulator | y: | z: | CheckModel | undefined outputs:y
+accumulator | sum-next | z | CheckModel | undefined outputs:sum-next
+accumulator | -1 | 4 | CheckModel | *cache:sum, shape=[-1, 3], dtype=FLOAT32
+types | x-uint8:INT8 | x-uint8:INT16 | CheckModel | *input:x-uint8, shape=[-1, 3], dtype=INT8
+types | y-int64:INT64 | y-int64:INT8 | CheckModel | *output:y-int64, shape=[-1, 3], dtype=INT64
+scalar | - | - | CheckModel | *input:x, shape=[], dtype=FLOAT32
+string | - | - | OnnxDataTypeToTarn | unsupported data type of onnx: 8.
+sequence | - | - | OnnxDataTypeToTarn | unsupported data type of onnx: 0.)")) {
+    SCOPED_TRACE(row[4]);
+    if (row[4][0] == '*') {
+      row[4].replace(0, 1, "Check shape and data type failed for ");
+    }
+    const auto options = Replaced(OptionsOf(row[0]), row[1], row[2]);
+    ExpectFatal([&] { Load(row[0], options); }, row[4], row[3],
+                "src/model/onnx-model.cc");
+  }
+}
+
+TEST(OnnxLoadDeathTest, RejectsDevicesThatItDoesNotServe) {
+  const ModelOptions options = OptionsOf("accumulator");
+  ExpectFatal([&] { Load("accumulator", options, "cuda:1"); },
+              "expect macro:ON_DEVICE_CUDA to be turned on.", "LoadModel");
+  ExpectFatal([&] { Load("accumulator", options, "htp"); },
+              "the model of type OnnxBaseModel can't run on htp.", "LoadModel");
+}
+
+TEST(OnnxDataTypeTest, MapsUnsignedTypesToSignedOnes) {
+  const ScopedLogLevel silent(kSilent);
+  std::string codes;  // The library's by the engine's, from 0.
+  for (int type = 0; type < 17; ++type) {
+    codes += std::to_string(OnnxModel::OnnxDataTypeToTarn(
+        static_cast<ONNXTensorElementDataType>(type)));
+  }
+  EXPECT_EQ(codes, "01776645003245000");
+}
+
+TEST(OnnxLogDeathTest, KeepsTheSeverity) {
+  const ScopedLogLevel level(DEBUG);
+  const auto log = [](int severity) {
+    OnnxModel::OnnxLog(nullptr, static_cast<OrtLoggingLevel>(severity), "cat",
+                       "id", "place", "text");
+  };
+  const auto log_all = [&] {
+    for (int severity : {0, 1, 2, 3, 5}) log(severity);
+  };
+  const std::string line = " OnnxLog: ONNX[cat, place] text";
+  EXPECT_EQ(LinesOf(log_all),
+            (std::vector<std::string>{"DEBUG" + line, "INFO" + line,
+                                      "WARNING" + line, "ERROR" + line}));
+  ExpectFatal([&] { log(4); }, "ONNX[cat, place] text", "OnnxLog");
+}
+
+}  // namespace
+}  // namespace tarn

@@ -171,12 +171,10 @@ TEST_F(ProxyTest, KeepsStateUntilReset) {
 
 TEST_F(ProxyDeathTest, SerialProxyIsNeverWaitedFor) {
   const char* const header = "src/base/base-proxy.h";
-  ExpectFatalUnlessSilent([&] { serial_->Wait(); },
-                          "SerialProxy::Wait() shouldn't be called.", "Wait",
-                          header);
-  ExpectFatalUnlessSilent([&] { serial_->Notify(); },
-                          "SerialProxy::Notify() shouldn't be called.",
-                          "Notify", header);
+  ExpectFatal([&] { serial_->Wait(); },
+              "SerialProxy::Wait() shouldn't be called.", "Wait", header);
+  ExpectFatal([&] { serial_->Notify(); },
+              "SerialProxy::Notify() shouldn't be called.", "Notify", header);
   echo_->Notify();  // A parallel one's signal waits for the waiter.
   echo_->Wait();
 }

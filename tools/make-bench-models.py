@@ -5,7 +5,7 @@ usage: make-bench-models.py OUTPUT_DIR
 
 add           y = x + 1 over 160 floats, without batch dimension
 gru           two GRU layers of 256 units over 10 frames of 80 features, the
-              hidden state of each layer in a cache, batches of 1 to 64
+              hidden state of each layer in a cache, batches of any size
 gru-serial    the same network for one stream, without batch dimension
 """
 
@@ -52,11 +52,13 @@ GRU_SERIAL_CONF = (
     + "--num-execute-threads=1\n"
 )
 
+# For 64 streams: while one half is computed, the other half comes back.
 GRU_BATCH_CONF = (
-    GRU_CONF.format(batch=-1)
+    "# Many streams, batched by the inference thread.\n"
+    + GRU_CONF.format(batch=-1)
     + """\
 --batch-dim=batch
---dynamic-dims=batch:1-64
+--dynamic-dims=batch:1-32
 --multi-threads=true
 --infer-thread=true
 --infer-interval=1000

@@ -4,9 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
-#include <exception>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -16,143 +14,198 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
-#include <sndfile.hh>
 
+#include "audio-file.h"
 #include "tarn.h"
 
 namespace {
 
-constexpr int kSampleRate = 16000;  // Of the model's input.
-constexpr float kThreshold = 0.5f;  // Speech from this probability on.
-
-struct Segment {
-  double start;  // In seconds.
-  double end;
-  double probability;  // Mean over its frames.
-};
+constexpr size_t kSamplesPerFrame = 160;
+constexpr size_t kLookAhead = 20;   // Frames that the network runs ahead.
+constexpr float kThreshold = 0.5F;  // Speech from this probability on.
+constexpr double kHop = static_cast<double>(kSamplesPerFrame) / kSampleRate;
 
 struct Stream {
-  std::string path;
-  int sample_rate = 0;
-  double duration = 0;               // In seconds.
-  std::vector<float> samples;        // At kSampleRate.
+  AudioFile audio;
   std::vector<float> probabilities;  // One per frame.
-  std::string error;                 // Empty when all went well.
+  bool failed = false;
 };
 
-// Counts what the model computes together.
+struct Segment {
+  size_t begin;  // First frame.
+  size_t end;    // First frame behind it.
+  double probability;
+};
+
+// Counts how many requests the model computes together.
 class BatchCounter : public tarn::InferenceObserver {
  public:
   void OnEvent(Event event,
                const std::vector<tarn::BaseProxy*>& proxies) override {
     if (event != TAKEN) return;
-    ++batches_;
-    requests_ += proxies.size();
+    batches_ += 1;
+    requests_ += static_cast<double>(proxies.size());
   }
-  double MeanBatchSize() const {
-    return batches_ == 0 ? 0 : static_cast<double>(requests_) / batches_;
-  }
+  double Mean() const { return requests_ / batches_; }
 
  private:
-  std::atomic<int> batches_{0};
-  std::atomic<size_t> requests_{0};
+  double batches_ = 0;  // Only the inference thread counts.
+  double requests_ = 0;
 };
 
-// Doubles the sampling rate: a windowed sinc fills in every second sample.
-std::vector<float> Upsample(const std::vector<float>& samples) {
-  constexpr int kTaps = 16;  // To either side.
-  const double pi = std::acos(-1.0);
-  const int count = static_cast<int>(samples.size());
-  std::vector<float> doubled(samples.size() * 2);
-  for (int i = 0; i < count; ++i) {
-    double between = 0;
-    for (int k = std::max(-i, 1 - kTaps); k <= std::min(kTaps, count - 1 - i);
-         ++k) {
-      const double x = pi * (k - 0.5);
-      const double window = 0.5 + 0.5 * std::cos(x / kTaps);
-      between += samples[i + k] * std::sin(x) / x * window;
-    }
-    doubled[2 * i] = samples[i];
-    doubled[2 * i + 1] = static_cast<float>(between);
+// Makes the model and sees to it that it is one for voice activity.
+std::unique_ptr<tarn::Model> LoadModel(const std::string& config,
+                                       const std::string& network) {
+  const tarn::ModelOptions options(config, /*scrambled=*/false);
+  std::unique_ptr<tarn::Model> model(
+      tarn::NewModel(options, "onnx", "cpu", network, "", ""));
+  const std::unique_ptr<tarn::Proxy> proxy(model->NewProxy());
+  if (proxy->GetInputName(0) != "audio" ||
+      proxy->GetOutputName(0) != "probability" || proxy->GetInputNum() != 1 ||
+      proxy->GetInputShape(0).size() != 1 ||
+      proxy->GetInputDataType(0) != tarn::Tensor::FLOAT32 ||
+      proxy->GetOutputDataType(0) != tarn::Tensor::FLOAT32) {
+    throw std::runtime_error(config +
+                             " does not describe a model for voice "
+                             "activity: expected FLOAT32 input audio and "
+                             "output probability");
   }
-  return doubled;
+  return model;
 }
 
-// Reads a file of 8 or 16 kHz in any format that libsndfile knows; channels are
-// averaged.
-Stream ReadAudio(const std::string& path) {
-  SndfileHandle file(path);
-  if (file.error() != SF_ERR_NO_ERROR) {
-    throw std::runtime_error("cannot read audio file " + path + ": " +
-                             file.strError());
-  }
-  if (file.samplerate() != kSampleRate && 2 * file.samplerate() != kSampleRate) {
-    throw std::runtime_error(path + " has " + std::to_string(file.samplerate()) +
-                             " Hz, expected 8000 or 16000: resample it first");
-  }
-  Stream stream;
-  stream.path = path;
-  stream.sample_rate = file.samplerate();
-  std::vector<float> frame(static_cast<size_t>(file.channels()));
-  while (file.readf(frame.data(), 1) == 1) {
-    float sum = 0;
-    for (float sample : frame) sum += std::isfinite(sample) ? sample : 0;
-    stream.samples.push_back(sum / static_cast<float>(frame.size()));
-  }
-  stream.duration =
-      static_cast<double>(stream.samples.size()) / stream.sample_rate;
-  if (stream.sample_rate != kSampleRate) {
-    stream.samples = Upsample(stream.samples);
-  }
-  return stream;
-}
-
-// Sends the stream through the model, chunk by chunk; the last chunk is filled
-// up with silence.
+// Sends a stream through the model chunk by chunk, with silence behind its end
+// until the network has told about its last frame.
 void RunStream(tarn::Proxy& proxy, Stream& stream) {
   const std::vector<int> shape = proxy.GetInputShape("audio");
   const size_t chunk = static_cast<size_t>(shape[0]);
-  for (size_t begin = 0; begin < stream.samples.size(); begin += chunk) {
+  const size_t frames =
+      (stream.audio.samples.size() + kSamplesPerFrame - 1) / kSamplesPerFrame;
+  std::vector<float>& probabilities = stream.probabilities;
+  stream.audio.samples.resize((frames + kLookAhead) * kSamplesPerFrame + chunk);
+  for (size_t begin = 0; probabilities.size() < frames + kLookAhead;
+       begin += chunk) {
     tarn::Tensor audio = proxy.CreateInput("audio", shape);
-    audio.Zeros();
-    std::copy_n(stream.samples.begin() + static_cast<std::ptrdiff_t>(begin),
-                std::min(chunk, stream.samples.size() - begin),
-                audio.Data<float>());
+    std::copy_n(&stream.audio.samples[begin], chunk, audio.Data<float>());
     proxy.SetInput("audio", audio);
-    if (!proxy.Inference()) {
-      stream.error = "inference failed";
-      return;
-    }
+    stream.failed = !proxy.Inference();
+    if (stream.failed) return;  // The log says why.
     const tarn::Tensor& output = proxy.GetOutput("probability");
-    const float* probabilities = output.Data<float>();
-    stream.probabilities.insert(stream.probabilities.end(), probabilities,
-                                probabilities + output.GetElementNum());
+    probabilities.insert(probabilities.end(), output.Data<float>(),
+                         output.Data<float>() + output.GetElementNum());
   }
+  probabilities.erase(probabilities.begin(),
+                      probabilities.begin() + kLookAhead);
+  probabilities.resize(frames);
 }
 
-// Runs of frames that reach the threshold.
-std::vector<Segment> FindSegments(const Stream& stream, double hop) {
+std::vector<Segment> FindSegments(const std::vector<float>& probabilities) {
   std::vector<Segment> segments;
-  double sum = 0;
-  bool in_speech = false;
-  for (size_t i = 0; i < stream.probabilities.size(); ++i) {
-    const double start = static_cast<double>(i) * hop;
-    const double end = std::min(start + hop, stream.duration);
-    const float probability = stream.probabilities[i];
-    const bool is_speech = probability >= kThreshold && start < end;
-    if (is_speech && !in_speech) {
-      segments.push_back({start, end, 0});
-      sum = 0;
-    }
-    if (is_speech) {
-      sum += probability;
-      Segment& segment = segments.back();
-      segment.end = end;
-      segment.probability = sum * hop / (i * hop + hop - segment.start);
-    }
-    in_speech = is_speech;
+  for (size_t i = 0; i < probabilities.size(); ++i) {
+    if (probabilities[i] < kThreshold) continue;
+    const bool goes_on = !segments.empty() && segments.back().end == i;
+    if (!goes_on) segments.push_back({i, i, 0});
+    Segment& segment = segments.back();
+    const auto count = static_cast<double>(i - segment.begin);
+    segment.probability =
+        (segment.probability * count + probabilities[i]) / (count + 1);
+    segment.end = i + 1;
   }
   return segments;
 }
 
+nlohmann::json Describe(const Stream& stream) {
+  nlohmann::json segments = nlohmann::json::array();
+  for (const Segment& segment : FindSegments(stream.probabilities)) {
+    const double end = static_cast<double>(segment.end) * kHop;
+    segments.push_back({{"start", static_cast<double>(segment.begin) * kHop},
+                        {"end", std::min(end, stream.audio.duration)},
+                        {"probability", segment.probability}});
+  }
+  return {{"path", stream.audio.path},
+          {"sample_rate", stream.audio.sample_rate},
+          {"duration", stream.audio.duration},
+          {"hop", kHop},
+          {"segments", segments},
+          {"probabilities", stream.probabilities}};
+}
+
+nlohmann::json RunStreams(tarn::Model& model, std::vector<Stream>& streams) {
+  BatchCounter counter;
+  tarn::SetObserver(&model, &counter);
+  const auto begin = std::chrono::steady_clock::now();
+  std::vector<std::thread> threads;
+  for (Stream& stream : streams) {
+    threads.emplace_back([&model, &stream] {
+      const std::unique_ptr<tarn::Proxy> proxy(model.NewProxy());
+      RunStream(*proxy, stream);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::chrono::duration<double> took =
+      std::chrono::steady_clock::now() - begin;
+  tarn::SetObserver(&model, nullptr);
+  nlohmann::json report = {{"mean_batch_size", counter.Mean()}};
+  double duration = 0;
+  for (const Stream& stream : streams) {
+    if (stream.failed) throw std::runtime_error(stream.audio.path + ": failed");
+    report["files"].push_back(Describe(stream));
+    duration += stream.audio.duration;
+  }
+  report["real_time_factor"] = took.count() / duration;
+  return report;
+}
+
+void Print(const nlohmann::json& report) {
+  for (const auto& file : report["files"]) {
+    std::printf("%s  %.2f s\n", file["path"].get<std::string>().c_str(),
+                file["duration"].get<double>());
+    for (const auto& segment : file["segments"]) {
+      std::printf("  %7.2f - %7.2f s   mean probability %.3f\n",
+                  segment["start"].get<double>(), segment["end"].get<double>(),
+                  segment["probability"].get<double>());
+    }
+  }
+  std::printf("real-time factor %.5f, mean batch size %.1f\n",
+              report["real_time_factor"].get<double>(),
+              report["mean_batch_size"].get<double>());
+}
+
 }  // namespace
+
+int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // A fatal line must not get lost.
+  tarn::SetLogLevel(tarn::ERROR);
+  CLI::App app("Finds the speech in audio files.");
+  std::string config;
+  std::string network;
+  std::vector<std::string> paths;
+  bool json = false;
+  app.add_option("config", config, "Configuration file of the model")
+      ->required()
+      ->check(CLI::ExistingFile);
+  app.add_option("model", network, "ONNX file")
+      ->required()
+      ->check(CLI::ExistingFile);
+  app.add_option("audio", paths, "Audio files of 8 or 16 kHz")
+      ->required()
+      ->check(CLI::ExistingFile);
+  app.add_flag("--json", json, "Print JSON, with every frame's probability");
+  CLI11_PARSE(app, argc, argv);
+  try {
+    std::vector<Stream> streams;
+    for (const std::string& path : paths) {
+      streams.push_back({ReadAudioFile(path), {}, false});
+    }
+    const auto model = LoadModel(config, network);
+    const nlohmann::json report = RunStreams(*model, streams);
+    if (json) {
+      std::cout << report.dump(1) << "\n";
+    } else {
+      Print(report);
+    }
+  } catch (const std::exception& error) {
+    std::cerr << "voice-activity: " << error.what() << "\n";
+    return 1;
+  }
+  return 0;
+}

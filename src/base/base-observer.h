@@ -30,8 +30,7 @@ class TARN_EXPORT InferenceObserver {
   virtual ~InferenceObserver();
 
   // `proxies` tells streams apart; it is valid during the call.
-  virtual void OnEvent(Event event,
-                       const std::vector<BaseProxy*>& proxies) = 0;
+  virtual void OnEvent(Event event, const std::vector<BaseProxy*>& proxies) = 0;
 };
 
 }  // namespace tarn

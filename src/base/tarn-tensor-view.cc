@@ -10,6 +10,45 @@
 
 namespace tarn {
 
+namespace {
+
+// Hands the elements to `visit` as a pointer to Signed or, if T is that,
+// Unsigned. FATAL if T is neither.
+template <typename T, typename Signed, typename Unsigned, typename Visit>
+void VisitAs(const Tensor& tensor, const char* function, Visit visit) {
+  constexpr bool kIsSigned = std::is_same<T, Signed>::value;
+  if constexpr (!kIsSigned && !std::is_same<T, Unsigned>::value) {
+    TARN_LOG_AS(FATAL, function) << "the data type of tensor is mismatched.";
+  }
+  visit(tensor.Data<std::conditional_t<kIsSigned, Signed, Unsigned>>());
+}
+
+// Hands the elements to `visit` as a pointer to the type that T asks for in a
+// tensor of this type, on behalf of `function`.
+template <typename T, typename Visit>
+void VisitElements(const Tensor& tensor, const char* function, Visit visit) {
+  switch (tensor.GetDataType()) {
+    case Tensor::FLOAT32:
+      return VisitAs<T, float, float>(tensor, function, visit);
+    case Tensor::FLOAT64:
+      return VisitAs<T, double, double>(tensor, function, visit);
+    case Tensor::INT32:
+      return VisitAs<T, int, unsigned int>(tensor, function, visit);
+    case Tensor::INT64:
+      return VisitAs<T, long, unsigned long>(tensor, function, visit);
+    case Tensor::INT16:
+      return VisitAs<T, short, unsigned short>(tensor, function, visit);
+    case Tensor::INT8:
+      return VisitAs<T, signed char, unsigned char>(tensor, function, visit);
+    case Tensor::FLOAT16:
+      break;
+  }
+  TARN_LOG_AS(FATAL, function) << "can't fill tensor of type:"
+                               << ConvertDataTypeToString(tensor.GetDataType());
+}
+
+}  // namespace
+
 template <typename T>
 T Tensor::Item() const {
   if (data_ == nullptr || !shape_.empty()) {
@@ -19,7 +58,7 @@ T Tensor::Item() const {
     TARN_LOG(FATAL) << "move the tensor to HOST and retry.";
   }
   T item = 0;
-  VisitElements<T>(__func__, [&item](auto* elements) {
+  VisitElements<T>(*this, __func__, [&item](auto* elements) {
     if (elements != nullptr) item = static_cast<T>(*elements);
   });
   return item;
@@ -28,43 +67,10 @@ T Tensor::Item() const {
 template <typename T>
 void Tensor::Fill(T value) {
   const unsigned int count = GetElementNum();
-  VisitElements<T>(__func__, [count, value](auto* elements) {
+  VisitElements<T>(*this, __func__, [count, value](auto* elements) {
     using Element = std::remove_pointer_t<decltype(elements)>;
     std::fill_n(elements, count, static_cast<Element>(value));
   });
-}
-
-// Hands the elements to `visit` as a pointer to the type that T asks for in a
-// tensor of this type, on behalf of `function`.
-template <typename T, typename Visit>
-void Tensor::VisitElements(const char* function, Visit visit) const {
-  switch (data_type_) {
-    case FLOAT32:
-      return VisitElementsAs<T, float, float>(function, visit);
-    case FLOAT64:
-      return VisitElementsAs<T, double, double>(function, visit);
-    case INT32:
-      return VisitElementsAs<T, int, unsigned int>(function, visit);
-    case INT64:
-      return VisitElementsAs<T, long, unsigned long>(function, visit);
-    case INT16:
-      return VisitElementsAs<T, short, unsigned short>(function, visit);
-    case INT8:
-      return VisitElementsAs<T, signed char, unsigned char>(function, visit);
-    case FLOAT16:
-      break;
-  }
-  TARN_LOG_AS(FATAL, function)
-      << "can't fill tensor of type:" << ConvertDataTypeToString(data_type_);
-}
-
-template <typename T, typename Signed, typename Unsigned, typename Visit>
-void Tensor::VisitElementsAs(const char* function, Visit visit) const {
-  constexpr bool kIsSigned = std::is_same<T, Signed>::value;
-  if constexpr (!kIsSigned && !std::is_same<T, Unsigned>::value) {
-    TARN_LOG_AS(FATAL, function) << "the data type of tensor is mismatched.";
-  }
-  visit(Data<std::conditional_t<kIsSigned, Signed, Unsigned>>());
 }
 
 template float Tensor::Item() const;

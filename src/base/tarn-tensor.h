@@ -145,10 +145,6 @@ class TARN_EXPORT Tensor {
   Tensor ViewAt(const int* indices, size_t count) const;
   Tensor View(ptrdiff_t first_element, std::vector<int> shape) const;
   void CopyIntoRegion(const Tensor& src, const int* offsets);
-  template <typename T, typename Visit>
-  void VisitElements(const char* function, Visit visit) const;
-  template <typename T, typename Signed, typename Unsigned, typename Visit>
-  void VisitElementsAs(const char* function, Visit visit) const;
 
   std::shared_ptr<void> storage_;  // Empty when the block is not owned.
   void* data_ = nullptr;

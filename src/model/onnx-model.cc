@@ -45,7 +45,7 @@ OnnxModel::OnnxModel(std::shared_ptr<ModelInfo> info, const std::string& model,
                      const Device& device,
                      std::shared_ptr<Queue<BaseProxy*>> queue)
     : BaseModel(std::move(info), device, std::move(queue)) {
-  LoadModel(model);
+  OnnxModel::LoadModel(model);
   StartInferThread();
 }
 

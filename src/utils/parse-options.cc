@@ -89,6 +89,38 @@ T ToNumber(const std::string& text, bool (*convert)(const std::string&, T&),
   return value;
 }
 
+// Sets the variable named `key` if `variables` holds it, on behalf of
+// SetOption().
+template <typename T>
+bool SetIn(const std::map<std::string, T*>& variables, ParseOptions& parser,
+           const std::string& key, const std::string& value,
+           bool has_equal_sign) {
+  const auto found = variables.find(key);
+  if (found == variables.end()) return false;
+  T& variable = *found->second;
+  if constexpr (std::is_same<T, bool>::value) {
+    if (has_equal_sign && value.empty()) {
+      TARN_LOG_AS(ERROR, "SetOption") << "Invalid option --" << key << "=";
+    }
+    variable = parser.ToBool(value);
+  } else if constexpr (std::is_same<T, int32_t>::value) {
+    variable = parser.ToInt(value);
+  } else if constexpr (std::is_same<T, uint32_t>::value) {
+    variable = parser.ToUint(value);
+  } else if constexpr (std::is_same<T, float>::value) {
+    variable = parser.ToFloat(value);
+  } else if constexpr (std::is_same<T, double>::value) {
+    variable = parser.ToDouble(value);
+  } else {
+    if (!has_equal_sign) {
+      TARN_LOG_AS(ERROR, "SetOption")
+          << "Invalid option --" << key << " (option format is --x=y).";
+    }
+    variable = value;
+  }
+  return true;
+}
+
 }  // namespace
 
 ParseOptions::ParseOptions(const char* usage) : usage_(usage) {
@@ -372,39 +404,10 @@ ParseOptions::Argument ParseOptions::ParseArgument(const std::string& text) {
 bool ParseOptions::SetOption(const std::string& key, const std::string& value,
                              bool has_equal_sign) {
   return std::apply(
-      [&](auto&... maps) {
-        return (SetIn(maps, key, value, has_equal_sign) || ...);
+      [&](const auto&... maps) {
+        return (SetIn(maps, *this, key, value, has_equal_sign) || ...);
       },
       variables_);
-}
-
-template <typename T>
-bool ParseOptions::SetIn(VariableMap<T>& variables, const std::string& key,
-                         const std::string& value, bool has_equal_sign) {
-  const auto found = variables.find(key);
-  if (found == variables.end()) return false;
-  T& variable = *found->second;
-  if constexpr (std::is_same<T, bool>::value) {
-    if (has_equal_sign && value.empty()) {
-      TARN_LOG_AS(ERROR, "SetOption") << "Invalid option --" << key << "=";
-    }
-    variable = ToBool(value);
-  } else if constexpr (std::is_same<T, int32_t>::value) {
-    variable = ToInt(value);
-  } else if constexpr (std::is_same<T, uint32_t>::value) {
-    variable = ToUint(value);
-  } else if constexpr (std::is_same<T, float>::value) {
-    variable = ToFloat(value);
-  } else if constexpr (std::is_same<T, double>::value) {
-    variable = ToDouble(value);
-  } else {
-    if (!has_equal_sign) {
-      TARN_LOG_AS(ERROR, "SetOption")
-          << "Invalid option --" << key << " (option format is --x=y).";
-    }
-    variable = value;
-  }
-  return true;
 }
 
 bool ParseOptions::ToBool(std::string text) {

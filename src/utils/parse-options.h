@@ -142,9 +142,6 @@ class TARN_EXPORT ParseOptions {
   };
   Argument ParseArgument(const std::string& text);
 
-  template <typename T>
-  bool SetIn(VariableMap<T>& variables, const std::string& key,
-             const std::string& value, bool has_equal_sign);
   void ReadConfigFilesAndHelp();
   int32_t ReadOptions();  // Returns the index of the first argument behind.
   void ReadPositionals(int32_t first);

@@ -15,7 +15,6 @@
 //   copy TO FROM                      for every type; the others for floats
 //   add TO A B
 //   scale TO FROM FACTOR
-//   accumulate TO FROM                adds to what is there, zeros at first
 //   matmul TO A B
 //   slow N                            yields the processor N times
 //   fail-create CODE TEXT             CODE is a number of mace::MaceStatus

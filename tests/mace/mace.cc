@@ -152,11 +152,7 @@ class MaceEngine::Impl {
 
   bool ReadStep(const std::string& operation, std::istringstream& words) {
     static const std::map<std::string, size_t> kOperandNums = {
-        {"copy", 2},
-        {"add", 3},
-        {"scale", 2},
-        {"accumulate", 2},
-        {"matmul", 3}};
+        {"copy", 2}, {"add", 3}, {"scale", 2}, {"matmul", 3}};
     const auto operand_num = kOperandNums.find(operation);
     if (operand_num == kOperandNums.end()) return false;
     Step step = {operation, {}};
@@ -197,10 +193,6 @@ class MaceEngine::Impl {
     }
     ReadWeights();
     for (int i = 0; i < yields_; ++i) std::this_thread::yield();
-    for (const auto& output : outputs) {
-      std::vector<char>& bytes = blocks_.at(output.first).bytes;
-      bytes.assign(bytes.size(), 0);
-    }
     for (const Step& step : steps_) Do(step);
     for (const auto& [name, tensor] : outputs) {
       const std::vector<char>& bytes = blocks_.at(name).bytes;
@@ -241,10 +233,9 @@ class MaceEngine::Impl {
     if (step.operation == "copy") to.bytes = a.bytes;
     if (step.operation == "matmul") MultiplyMatrices(a, b, to);
     for (size_t i = 0; i < to.bytes.size() / sizeof(float); ++i) {
-      float& sum = to.Floats()[i];
-      if (step.operation == "add") sum = a.Floats()[i] + b.Floats()[i];
-      if (step.operation == "scale") sum = a.Floats()[i] * step.factor;
-      if (step.operation == "accumulate") sum += a.Floats()[i];
+      float& result = to.Floats()[i];
+      if (step.operation == "add") result = a.Floats()[i] + b.Floats()[i];
+      if (step.operation == "scale") result = a.Floats()[i] * step.factor;
     }
   }
 

@@ -6,20 +6,26 @@
 
 #include <csignal>
 #include <cstdio>
-#include <regex>
 
 namespace tarn {
 
 namespace {
 
 std::vector<std::string> Lines(const std::string& log) {
-  static const std::regex pattern(
-      R"(\[TARN 240223_qvx\] (\w+) \(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )"
-      R"((\S+)\(\):[^\n]*?:\d+\) ([^\n]*)\n)");
+  const std::string tag = "[TARN 240223_qvx] ";
   std::vector<std::string> lines;
-  for (std::sregex_iterator line(log.begin(), log.end(), pattern), end;
-       line != end; ++line) {
-    lines.push_back(line->format("$1 $2: $3"));
+  size_t start = log.find(tag);
+  while (start != std::string::npos) {
+    const size_t severity = start + tag.size();
+    const size_t time = log.find(" (", severity);
+    const size_t function = log.find(' ', log.find(' ', time + 2) + 1) + 1;
+    const size_t place = log.find("():", function);
+    const size_t message = log.find(") ", place + 3) + 2;
+    const size_t end = log.find('\n', message);
+    lines.push_back(log.substr(severity, time - severity) + " " +
+                    log.substr(function, place - function) + ": " +
+                    log.substr(message, end - message));
+    start = log.find(tag, end);
   }
   return lines;
 }

@@ -24,6 +24,16 @@ inline std::vector<std::vector<std::string>> Rows(const std::string& table) {
   return rows;
 }
 
+// `text` with every `from` in it replaced by `to`.
+inline std::string Replaced(std::string text, const std::string& from,
+                            const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos;
+       at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
 }  // namespace tarn
 
 #endif  // TARN_TESTS_SUPPORT_TABLE_H_
