@@ -401,10 +401,10 @@ const ModelInfo::Entry& ModelInfo::Table::At(unsigned int index,
 
 const ModelInfo::Entry& ModelInfo::Table::At(const std::string& name,
                                              const char* function) const {
-  if (indices.count(name) == 0) {
-    TARN_LOG_AS(FATAL, function)
-        << name << " is't " << one_noun << " of model.";
-  }
+  const auto found = indices.find(name);
+  if (found != indices.end()) return entries[found->second];
+  TARN_LOG_AS(FATAL, function) << name << " is't " << one_noun << " of model.";
+  // Throws; reached only when the log level silences fatal checks.
   return entries[indices.at(name)];
 }
 

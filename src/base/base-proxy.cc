@@ -257,43 +257,57 @@ const Tensor& BaseProxy::GetCache(const std::string& name) const {
 Tensor BaseProxy::CreateInput(const std::string& name,
                               const std::vector<int>& shape) {
   return Create({__func__, "create input: ", "smaller than "}, name, shape,
-                info_->GetInputShape(name, true), info_->GetInputDataType(name),
-                input_buffers_);
+                input_buffers_, [&] {
+                  return Largest(info_->GetInputShape(name, true),
+                                 info_->GetInputDataType(name));
+                });
 }
 
 Tensor BaseProxy::CreateOutput(const std::string& name,
                                const std::vector<int>& shape) {
   return Create({__func__, "create output: ", "small than "}, name, shape,
-                info_->GetOutputShape(name, true),
-                info_->GetOutputDataType(name), output_buffers_);
+                output_buffers_, [&] {
+                  return Largest(info_->GetOutputShape(name, true),
+                                 info_->GetOutputDataType(name));
+                });
 }
 
 Tensor BaseProxy::CreateCache(const std::string& name,
                               const std::vector<int>& shape) {
   return Create({__func__, "create output: ", "smaler than "}, name, shape,
-                info_->GetCacheShape(name, true), info_->GetCacheDataType(name),
-                cache_buffers_);
+                cache_buffers_, [&] {
+                  return Largest(info_->GetCacheShape(name, true),
+                                 info_->GetCacheDataType(name));
+                });
 }
 
-// The order is that of vectors, not element by element: it lets shapes through
-// that hold more than the buffer does. They get a block of their own.
+Tensor BaseProxy::Largest(const std::vector<int>& described,
+                          Tensor::DataType data_type) const {
+  return Tensor(WithoutBatch(described), data_type, Tensor::HOST);
+}
+
+// Gives the buffer's memory in another shape. The limit's order is that of
+// vectors, not element by element: it lets shapes through that hold more than
+// the buffer does. They get a block of their own.
+template <typename MakeBuffer>
 Tensor BaseProxy::Create(const Words& words, const std::string& name,
-                         const std::vector<int>& shape,
-                         const std::vector<int>& largest_described,
-                         Tensor::DataType data_type, Tensors& buffers) const {
-  const std::vector<int> limit = WithoutBatch(largest_described);
+                         const std::vector<int>& shape, Tensors& buffers,
+                         MakeBuffer make_buffer) {
+  auto found = buffers.find(name);
+  if (found == buffers.end())
+    found = buffers.emplace(name, make_buffer()).first;
+  const Tensor& buffer = found->second;
+  const std::vector<int>& limit = buffer.GetShape();
   if (shape.size() != limit.size() || limit < shape) {
     TARN_LOG_AS(FATAL, words.function)
         << "fail to " << words.action << name
         << " with shape=" << ConvertShapeToString(shape) << ", it should be "
         << words.comparison << ConvertShapeToString(limit);
   }
-  Tensor& buffer = buffers[name];
-  if (buffer.Data() == nullptr) buffer.Resize(limit, data_type, Tensor::HOST);
   if (buffer.GetElementNum(shape) > buffer.GetElementNum()) {
-    return Tensor(shape, data_type, Tensor::HOST);
+    return Tensor(shape, buffer.GetDataType(), Tensor::HOST);
   }
-  return Tensor(buffer.Data(), shape, data_type, Tensor::HOST);
+  return Tensor(buffer.Data(), shape, buffer.GetDataType(), Tensor::HOST);
 }
 
 void BaseProxy::Reset() {

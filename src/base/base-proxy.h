@@ -180,11 +180,12 @@ class TARN_EXPORT BaseProxy : public Proxy {
   static void Store(const Words& words, const std::string& name,
                     const Tensor& tensor, Tensor::DataType expected_type,
                     const std::vector<int>& expected_shape, Tensors& tensors);
-  Tensor Create(const Words& words, const std::string& name,
-                const std::vector<int>& shape,
-                const std::vector<int>& largest_described,
-                Tensor::DataType data_type, Tensors& buffers) const;
-
+  template <typename MakeBuffer>
+  static Tensor Create(const Words& words, const std::string& name,
+                       const std::vector<int>& shape, Tensors& buffers,
+                       MakeBuffer make_buffer);
+  Tensor Largest(const std::vector<int>& described,
+                 Tensor::DataType data_type) const;
   void ZeroCaches();
 
   BaseModel* model_;  // Not owned.

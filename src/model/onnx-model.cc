@@ -200,6 +200,7 @@ void OnnxModel::Compute(BaseProxy* proxy) {
     binding.BindInput(name.c_str(), Wrap(input, input_types_[i], memory));
   }
   std::vector<Tensor> outputs;
+  outputs.reserve(output_names_.size());
   for (size_t i = 0; i < output_names_.size(); ++i) {
     const std::string& name = output_names_[i];
     outputs.push_back(
@@ -245,6 +246,7 @@ void OnnxModel::Compute(const std::vector<BaseProxy*>& proxies) {
                       Wrap(batches.at(name), input_types_[i], memory));
   }
   std::vector<Tensor> outputs;
+  outputs.reserve(output_names_.size());
   for (size_t i = 0; i < output_names_.size(); ++i) {
     const std::string& name = output_names_[i];
     outputs.push_back(BatchOutput(name, batches));
