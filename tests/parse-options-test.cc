@@ -33,7 +33,8 @@ struct Options {
   void Use(const Action& action) {
     printed = StderrOf([&] { lines = LinesOf(action); });
   }
-  void Read(const Strings& arguments) {
+  void Read(const Strings& texts) {
+    arguments = texts;  // The parser goes on referring to them.
     argv = {"prog"};
     for (const std::string& text : arguments) argv.push_back(text.c_str());
     const int argc = static_cast<int>(argv.size());
@@ -58,7 +59,7 @@ struct Options {
   float rate = 0.5f;
   double scale = 1e-9;
   std::string name = "x y", printed;
-  Strings lines;
+  Strings lines, arguments;
   std::vector<const char*> argv;
   ParseOptions parser{"usage text"};
 };

@@ -134,7 +134,7 @@ void BaseModel::StartInferThread() {
 void BaseModel::StopInferThread() {
   running_ = false;
   if (!thread_.joinable()) return;
-  queue_->Wake();  // An idle thread need not sleep to its end first.
+  queue_->Wake();  // It need not sleep out its interval first.
   thread_.join();
 }
 
@@ -160,14 +160,16 @@ bool BaseModel::IsStopped() const {
 }
 
 void BaseModel::ServeBatch(unsigned int batch_size, unsigned int interval) {
-  const std::vector<BaseProxy*> batch = queue_->Pop(batch_size, interval);
+  const std::vector<BaseProxy*> batch =
+      queue_->Pop(batch_size, interval, running_);
   if (!batch.empty()) ComputeObserved(batch);
   // A notified proxy is its caller's again and may be gone at once.
   for (BaseProxy* proxy : batch) proxy->Notify();
 }
 
 void BaseModel::ServeOne() {
-  const std::vector<BaseProxy*> popped = queue_->Pop(1, kIdleInterval);
+  const std::vector<BaseProxy*> popped =
+      queue_->Pop(1, kIdleInterval, running_);
   for (BaseProxy* proxy : popped) {
     ComputeObserved(proxy);
     proxy->Notify();

@@ -2,6 +2,7 @@
 #define TARN_BASE_BASE_QUEUE_H_
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -43,8 +44,16 @@ class Queue {
   // until a Push() reaches its threshold, Wake(), or `timeout` microseconds are
   // over; 0 does not wait at all.
   std::vector<T> Pop(unsigned int n, unsigned int timeout) {
+    const std::atomic<bool> always(true);
+    return Pop(n, timeout, always);
+  }
+
+  // The same for a consumer that is to stop: once `running` is false it does
+  // not wait any more, and a Wake() after that ends a wait that has begun.
+  std::vector<T> Pop(unsigned int n, unsigned int timeout,
+                     const std::atomic<bool>& running) {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (items_.size() < n && timeout > 0) {
+    if (items_.size() < n && timeout > 0 && running) {
       condition_.wait_until(lock, std::chrono::system_clock::now() +
                                       std::chrono::microseconds(timeout));
     }
