@@ -23,15 +23,19 @@ MallocOnDevice MemoryCopy MemorySet NewModel NewModelFromMem NewSharedModels
 NewSharedModelsFromMem SetActiveDevice SetLogLevel SetObserver
 SplitStringToIntegers SplitStringToVector Trim global_tarn_log_level)";
 
-// What `symbol` belongs to, or the symbol where that is not tarn's. Templates
-// show their result before their name.
+// What `symbol` belongs to, or the symbol where that is not tarn's. The result
+// of a template comes before its name.
 std::string OwnerOf(const std::string& symbol) {
-  const size_t start = symbol.find("tarn::");
-  if (symbol.find_first_of("<(:") < start || start == std::string::npos) {
-    return symbol;
+  int depth = 0;  // In brackets, where arguments are.
+  for (size_t i = 0; i < symbol.size(); ++i) {
+    if (symbol[i] == '<' || symbol[i] == '(') ++depth;
+    if (symbol[i] == '>' || symbol[i] == ')') --depth;
+    if (depth > 0 || symbol.compare(i, strlen("tarn::"), "tarn::") != 0)
+      continue;
+    const std::string name = symbol.substr(i + strlen("tarn::"));
+    return name.substr(0, name.find_first_of(":<([\n"));
   }
-  const std::string name = symbol.substr(start + strlen("tarn::"));
-  return name.substr(0, name.find_first_of(":<([\n"));
+  return symbol;
 }
 
 TEST(ExportsTest, AreTheInterfaceAndNothingElse) {

@@ -79,13 +79,13 @@ assert DELAY == 2 * FRAMES
 
 # Log-odds per unit of each feature: average over the short and the long span.
 WEIGHTS = {
-    "low_snr": (0.06, 0.02),  # dB over the floor below 700 Hz.
-    "below": (-0.05, -0.09),  # dB under the loudest moment: echoes, breath.
-    "voicing": (0.0, 0.6),  # Periodicity times dB over the floor.
-    "periodicity": (0.0, -7.0),  # Without level: hum, music.
-    "change": (0.15, 1.0),  # dB of spectral change: speech moves on.
+    "low_snr": (0.06, 0.0),  # dB over the floor below 700 Hz.
+    "below": (-0.05, -0.12),  # dB under the loudest moment: others, echoes.
+    "voicing": (0.0, 0.7),  # Periodicity times dB over the floor.
+    "periodicity": (0.0, -7.5),  # Without level: hum, music.
+    "change": (0.05, 0.8),  # dB of spectral change: speech moves on.
 }
-BIAS = -0.7
+BIAS = -0.2
 
 
 def mel_bands():
@@ -178,11 +178,15 @@ class GraphBuilder:
         pooled = self.op("AveragePool", image, kernel_shape=[frames, 1])
         return self.squeeze(pooled, 1)
 
-    def moving_minimum(self, data, frames):
-        """The least of `frames` neighbouring frames [batch, time, 1]."""
-        series = self.op("Transpose", self.op("Neg", data), perm=[0, 2, 1])
+    def moving_maximum(self, data, frames):
+        """The greatest of `frames` neighbouring frames [batch, time, 1]."""
+        series = self.op("Transpose", data, perm=[0, 2, 1])
         pooled = self.op("MaxPool", series, kernel_shape=[frames])
-        return self.op("Transpose", self.op("Neg", pooled), perm=[0, 2, 1])
+        return self.op("Transpose", pooled, perm=[0, 2, 1])
+
+    def moving_minimum(self, data, frames):
+        negated = self.moving_maximum(self.op("Neg", data), frames)
+        return self.op("Neg", negated)
 
     def mean(self, data, axis):
         return self.op("ReduceMean", data, axes=[axis])
@@ -269,6 +273,14 @@ def add_noise_floor(g, levels):
     return g.op("Sub", CEILING, g.max(recent, 1))
 
 
+def add_loudness(g, levels):
+    """Level [batch, HISTORY, 1] of all bands together, 0 in silence."""
+    to_natural = np.log(10.0) / 10.0
+    scaled = g.op("Mul", levels, to_natural)
+    total = g.op("ReduceLogSumExp", scaled, axes=[2])
+    return g.op("Div", g.op("Sub", total, np.log(BANDS)), to_natural)
+
+
 def add_speech_level(g, loudness):
     """The loudest recent moment [batch, 1] that lasted, slowly forgotten.
 
@@ -292,7 +304,7 @@ def add_spectral_change(g, filled):
 def add_features(g, levels, periodicity):
     """The features of WEIGHTS, each [batch, SPAN, 1]."""
     floor = add_noise_floor(g, levels)
-    loudness = g.mean(levels, 2)
+    loudness = add_loudness(g, levels)
     speech_level = g.unsqueeze(add_speech_level(g, loudness), 2)
     middle = (MARGIN, MARGIN + SPAN)
     periodicity = g.slice(periodicity, *middle)
@@ -302,7 +314,9 @@ def add_features(g, levels, periodicity):
     excess = g.op("Sub", g.slice(filled, *middle), floor)
     snr = g.limit(g.op("Sub", excess, FLOOR_BIAS), 0, MAX_SNR)
     harmonic = g.limit(g.op("Sub", periodicity, 0.25), 0, 0.4)
-    below = g.op("Sub", speech_level, g.slice(loudness, *middle))
+    # A weak sound beside a loud one belongs to it.
+    nearby = g.moving_maximum(loudness, 2 * MARGIN + 1)
+    below = g.op("Sub", speech_level, nearby)
     return {
         "low_snr": g.mean(g.slice(snr, 0, LOW_BANDS, axis=2), 2),
         "below": g.limit(below, 0, MAX_BELOW),

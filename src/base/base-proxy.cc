@@ -294,8 +294,9 @@ Tensor BaseProxy::Create(const Words& words, const std::string& name,
                          const std::vector<int>& shape, Tensors& buffers,
                          MakeBuffer make_buffer) {
   auto found = buffers.find(name);
-  if (found == buffers.end())
+  if (found == buffers.end()) {
     found = buffers.emplace(name, make_buffer()).first;
+  }
   const Tensor& buffer = found->second;
   const std::vector<int>& limit = buffer.GetShape();
   if (shape.size() != limit.size() || limit < shape) {
