@@ -25,7 +25,7 @@ htp:1:2 | 2 1 htp)")) {
               row[1]);
   }
   Device device("cpu");
-  device.kind = static_cast<Device::Kind>(3);
+  device.kind = static_cast<Device::Kind>(3);  // NOLINT: out of range.
   EXPECT_EQ(device.ToString(), "unknow");
 }
 
@@ -41,7 +41,9 @@ TEST(MemoryTest, WorksOnTheHostAndIgnoresSizeZero) {
   char block[] = "abcd";
   MemorySet(block, 'x', 2, Tensor::HOST);
   MemoryCopy(block + 1, block + 3, 1, HOST_TO_HOST);
-  MemoryCopy(block + 3, block, 1, static_cast<MemCopyDirection>(4));
+  const auto kOther =
+      static_cast<MemCopyDirection>(4);  // NOLINT: out of range.
+  MemoryCopy(block + 3, block, 1, kOther);
   EXPECT_STREQ(block, "xdcx");
   MemorySet(nullptr, 0, 0, Tensor::DEVICE);
   MemoryCopy(nullptr, nullptr, 0, HOST_TO_DEVICE);

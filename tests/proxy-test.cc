@@ -88,6 +88,8 @@ TEST_F(ProxyDeathTest, FixesDimensionsWithinTheirRangesOnly) {
     frames_->FixDimension("time", 5);
     EXPECT_EQ(frames_->GetInputShape("feats"), (Shape{value, 80}));
   }
+  frames_->Reset();
+  EXPECT_EQ(frames_->GetInputShape("feats"), (Shape{-1, 80}));
 }
 
 TEST_F(ProxyDeathTest, TakesOnlyTensorsThatFit) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -18,7 +19,7 @@ using testing::IsEmpty;
 
 // Longer than a test may take: a wait that nothing ends fails it.
 constexpr unsigned int kForever = 600 * 1000 * 1000;
-constexpr int kRounds = 500;
+constexpr size_t kRounds = 500;
 
 TEST(SemaphoreTest, CountsSignals) {
   Semaphore semaphore;
@@ -31,17 +32,17 @@ TEST(SemaphoreTest, CountsSignals) {
 }
 
 TEST(SemaphoreTest, HandsOverToAWaiterThatDestroysIt) {
-  int result = 0;
+  size_t result = 0;
   std::unique_ptr<Semaphore> computed;
   Semaphore submitted;
   std::thread worker([&] {
-    for (int i = 0; i < kRounds; ++i) {
+    for (size_t i = 0; i < kRounds; ++i) {
       submitted.Wait();
       result = i;
       computed->Signal();
     }
   });
-  for (int i = 0; i < kRounds; ++i) {
+  for (size_t i = 0; i < kRounds; ++i) {
     computed = std::make_unique<Semaphore>();
     submitted.Signal();
     computed->Wait();
@@ -73,12 +74,12 @@ TEST(QueueTest, PushThatReachesTheThresholdWakesAConsumer) {
     Queue<unsigned int> queue;
     Semaphore consumed;
     std::thread consumer([&] {
-      for (int i = 0; i < kRounds; ++i) {
+      for (size_t i = 0; i < kRounds; ++i) {
         EXPECT_EQ(queue.Pop(size, kForever).size(), size);
         consumed.Signal();
       }
     });
-    for (int i = 0; i < kRounds; ++i) {
+    for (size_t i = 0; i < kRounds; ++i) {
       for (unsigned int item = 0; item < size; ++item) queue.Push(item, size);
       consumed.Wait();
     }
@@ -106,7 +107,8 @@ TEST(QueueTest, GivesEachItemOnceToOneOfManyConsumers) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(std::count(times.begin(), times.end(), 1), 3 * kRounds);
+  EXPECT_TRUE(std::all_of(times.begin(), times.end(),
+                          [](const auto& count) { return count == 1; }));
 }
 
 }  // namespace

@@ -111,8 +111,9 @@ TEST(TensorDeathTest, RefusesBrokenPreconditions) {
          [&] { Tensor(block, {6}, kFloat, kDevice).ToHost(); });
   expect("MallocOnDevice: malloc memorys on unknow device.",
          [&] { Tensor(dst).ToDevice(); });
+  const auto kNone = static_cast<Tensor::DataType>(8);  // NOLINT: out of range.
   expect("GetElementSize: unknow data type:8.",
-         [&] { dst.GetElementSize(static_cast<Tensor::DataType>(8)); });
+         [&] { dst.GetElementSize(kNone); });
 }
 
 }  // namespace

@@ -17,8 +17,8 @@
 //   scale TO FROM FACTOR
 //   matmul TO A B
 //   slow N                            yields the processor N times
-//   fail-create CODE TEXT             CODE is a number of mace::MaceStatus
-//   fail-run N CODE TEXT              the run number N, counted from 1, fails
+//   fail-create CODE                  CODE is a number of mace::MaceStatus
+//   fail-run N                        the run number N, counted from 1, fails
 namespace mace {
 namespace control {
 

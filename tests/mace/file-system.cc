@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
+#include <memory>
 
 #include "control.h"
 #include "mace/port/env.h"
@@ -34,35 +34,27 @@ class MappedRegion : public port::ReadOnlyMemoryRegion {
   size_t length_;
 };
 
-class PosixFileSystem : public port::FileSystem {
+class PosixEnv : public port::Env, public port::FileSystem {
  public:
+  port::FileSystem* GetFileSystem() override { return this; }
+
   MaceStatus NewReadOnlyMemoryRegionFromFile(
       const char* path,
       std::unique_ptr<port::ReadOnlyMemoryRegion>* result) override {
     const int file = open(path, O_RDONLY | O_CLOEXEC);
+    if (file < 0) return MaceStatus::MACE_RUNTIME_ERROR;
     struct stat status = {};
+    fstat(file, &status);
+    const auto length = static_cast<size_t>(status.st_size);
     void* data = nullptr;
-    if (file >= 0 && fstat(file, &status) == 0 && status.st_size > 0) {
-      data = mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ,
-                  MAP_PRIVATE, file, 0);
+    if (length > 0) {
+      data = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, file, 0);
     }
-    if (file >= 0) close(file);
-    if (file < 0 || data == MAP_FAILED) {
-      return {MaceStatus::MACE_RUNTIME_ERROR,
-              std::string("cannot map ") + path};
-    }
-    *result = std::make_unique<MappedRegion>(
-        data, static_cast<size_t>(status.st_size));
+    close(file);
+    if (data == MAP_FAILED) return MaceStatus::MACE_RUNTIME_ERROR;
+    *result = std::make_unique<MappedRegion>(data, length);
     return {};
   }
-};
-
-class PosixEnv : public port::Env {
- public:
-  port::FileSystem* GetFileSystem() override { return &file_system_; }
-
- private:
-  PosixFileSystem file_system_;
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -14,6 +15,9 @@
 namespace mace {
 
 namespace {
+
+using Tensors = std::map<std::string, MaceTensor>;
+using Words = std::vector<std::string>;
 
 std::mutex calls_mutex;
 std::vector<std::string> calls;  // Guarded by calls_mutex.
@@ -35,32 +39,40 @@ MaceStatus Invalid(const std::string& message) {
   return {MaceStatus::MACE_INVALID_ARGS, message};
 }
 
-size_t ElementSize(IDataType type) {
-  if (type == IDT_FLOAT || type == IDT_INT32) return 4;
-  return type == IDT_UINT8 || type == IDT_INT8 ? 1 : 2;
-}
-
 // A named tensor of a graph, with its present contents.
 struct Block {
-  enum Role { INPUT, OUTPUT, WEIGHT };
+  float& operator[](size_t i) {
+    if ((i + 1) * sizeof(float) > bytes.size()) std::abort();
+    return reinterpret_cast<float*>(bytes.data())[i];
+  }
+  size_t Rows() const { return static_cast<size_t>(shape.at(0)); }
+  size_t Columns() const { return static_cast<size_t>(shape.at(1)); }
 
-  bool IsMatrix() const { return shape.size() == 2; }
-  float* Floats() { return reinterpret_cast<float*>(bytes.data()); }
-
-  Role role = INPUT;
-  IDataType type = IDT_FLOAT;
-  size_t offset = 0;  // Of a weight, in bytes.
+  std::string role;  // "input", "output" or "weight".
+  IDataType type;
+  size_t offset;  // Of a weight, in bytes.
   std::vector<int64_t> shape;
   std::vector<char> bytes;
 };
 
-struct Step {
-  std::string operation;
-  std::vector<Block*> operands;  // The result first.
-  float factor = 1;
-};
-
-using Tensors = std::map<std::string, MaceTensor>;
+Block MakeBlock(const Words& words) {
+  const int number = std::stoi(words.at(2));
+  Block block = {words[0], IDT_FLOAT, 0, {}, {}};
+  if (block.role == "weight") {
+    block.offset = static_cast<size_t>(number) * sizeof(float);
+  } else {
+    block.type = static_cast<IDataType>(number);
+  }
+  const bool is_byte = block.type == IDT_UINT8 || block.type == IDT_INT8;
+  const bool is_word = block.type == IDT_FLOAT || block.type == IDT_INT32;
+  size_t size = is_byte ? 1 : is_word ? 4 : 2;
+  for (size_t i = 3; i < words.size(); ++i) {
+    block.shape.push_back(std::stoi(words[i]));
+    size *= static_cast<size_t>(block.shape.back());
+  }
+  block.bytes.resize(size);
+  return block;
+}
 
 }  // namespace
 
@@ -78,21 +90,21 @@ class MaceEngine::Impl {
     std::istringstream lines(graph);
     for (std::string line; std::getline(lines, line);) {
       std::istringstream words(line);
-      std::string statement;
-      words >> statement;
-      if (!Read(statement, words)) return Invalid("bad statement: " + line);
+      if (!Read(Words(std::istream_iterator<std::string>(words), {}))) {
+        return Invalid("bad statement: " + line);
+      }
     }
     for (const auto& [name, block] : blocks_) {
-      if (block.role == Block::WEIGHT &&
+      if (block.role == "weight" &&
           block.offset + block.bytes.size() > weights_size) {
         return Invalid("too few weights for " + name);
       }
     }
     weights_ = weights;
-    return create_status_;
+    return static_cast<MaceStatus::Code>(numbers_["fail-create"]);
   }
 
-  bool HasNames(const std::vector<std::string>& names, Block::Role role) const {
+  bool HasNames(const Words& names, const std::string& role) const {
     std::set<std::string> own;
     for (const auto& [name, block] : blocks_) {
       if (block.role == role) own.insert(name);
@@ -101,112 +113,37 @@ class MaceEngine::Impl {
   }
 
   MaceStatus Run(const Tensors& inputs, const Tensors& outputs) {
-    if (running_.exchange(true)) {
-      return {MaceStatus::MACE_RUNTIME_ERROR, "two runs at once"};
-    }
-    const MaceStatus status = RunAlone(inputs, outputs);
+    if (running_.exchange(true)) return Invalid("two runs at once");
+    MaceStatus status = Check(inputs, "input");
+    if (status == MaceStatus::MACE_SUCCESS) status = Check(outputs, "output");
+    if (status == MaceStatus::MACE_SUCCESS) status = Compute(inputs, outputs);
     running_ = false;
     return status;
   }
 
  private:
-  bool Read(const std::string& statement, std::istringstream& words) {
-    if (statement == "input") return ReadBlock(Block::INPUT, words);
-    if (statement == "output") return ReadBlock(Block::OUTPUT, words);
-    if (statement == "weight") return ReadBlock(Block::WEIGHT, words);
-    if (statement == "slow") return static_cast<bool>(words >> yields_);
-    if (statement == "fail-create") return ReadStatus(words, create_status_);
-    if (statement == "fail-run") {
-      return words >> failing_run_ && ReadStatus(words, run_status_);
+  bool Read(const Words& words) {
+    static const std::map<std::string, size_t> kWordNums = {
+        {"copy", 3}, {"add", 4}, {"scale", 4}, {"matmul", 4}};
+    if (words.size() < 2) return false;
+    const auto word_num = kWordNums.find(words[0]);
+    if (word_num != kWordNums.end()) {
+      steps_.push_back(words);
+      return words.size() == word_num->second;
     }
-    return ReadStep(statement, words);
+    if (words.size() == 2) {
+      numbers_[words[0]] = std::stoi(words[1]);
+      return true;
+    }
+    return blocks_.emplace(words[1], MakeBlock(words)).second;
   }
 
-  bool ReadBlock(Block::Role role, std::istringstream& words) {
-    Block block;
-    std::string name;
-    int number = 0;
-    words >> name >> number;
-    block.role = role;
-    if (role == Block::WEIGHT) {
-      block.offset = static_cast<size_t>(number) * sizeof(float);
-    } else {
-      block.type = static_cast<IDataType>(number);
-    }
-    size_t size = ElementSize(block.type);
-    for (int64_t dimension = 0; words >> dimension;) {
-      block.shape.push_back(dimension);
-      size *= static_cast<size_t>(dimension);
-    }
-    block.bytes.resize(size);
-    return words.eof() && blocks_.emplace(name, block).second;
-  }
-
-  static bool ReadStatus(std::istringstream& words, MaceStatus& status) {
-    int code = 0;
-    std::string text;
-    if (!(words >> code >> text)) return false;
-    status = MaceStatus(static_cast<MaceStatus::Code>(code), text);
-    return true;
-  }
-
-  bool ReadStep(const std::string& operation, std::istringstream& words) {
-    static const std::map<std::string, size_t> kOperandNums = {
-        {"copy", 2}, {"add", 3}, {"scale", 2}, {"matmul", 3}};
-    const auto operand_num = kOperandNums.find(operation);
-    if (operand_num == kOperandNums.end()) return false;
-    Step step = {operation, {}};
-    for (size_t i = 0; i < operand_num->second; ++i) {
-      std::string name;
-      words >> name;
-      const auto block = blocks_.find(name);
-      if (block == blocks_.end()) return false;
-      step.operands.push_back(&block->second);
-    }
-    if (operation == "scale" && !(words >> step.factor)) return false;
-    steps_.push_back(step);
-    return HaveMatchingSizes(step);
-  }
-
-  static bool HaveMatchingSizes(const Step& step) {
-    const Block& to = *step.operands[0];
-    const Block& a = *step.operands[1];
-    const Block& b = *step.operands.back();
-    if (step.operation != "matmul") {
-      return to.bytes.size() == a.bytes.size() &&
-             to.bytes.size() == b.bytes.size();
-    }
-    return to.IsMatrix() && a.IsMatrix() && b.IsMatrix() &&
-           to.shape[0] == a.shape[0] && to.shape[1] == b.shape[1] &&
-           a.shape[1] == b.shape[0];
-  }
-
-  MaceStatus RunAlone(const Tensors& inputs, const Tensors& outputs) {
-    MaceStatus status = Check(inputs, Block::INPUT);
-    if (status == MaceStatus::MACE_SUCCESS) {
-      status = Check(outputs, Block::OUTPUT);
-    }
-    if (status != MaceStatus::MACE_SUCCESS) return status;
-    for (const auto& [name, tensor] : inputs) {
-      std::vector<char>& bytes = blocks_.at(name).bytes;
-      std::memcpy(bytes.data(), tensor.data<char>().get(), bytes.size());
-    }
-    ReadWeights();
-    for (int i = 0; i < yields_; ++i) std::this_thread::yield();
-    for (const Step& step : steps_) Do(step);
-    for (const auto& [name, tensor] : outputs) {
-      const std::vector<char>& bytes = blocks_.at(name).bytes;
-      std::memcpy(tensor.data<char>().get(), bytes.data(), bytes.size());
-    }
-    // A run that fails may have written some outputs: this one wrote all.
-    return ++runs_ == failing_run_ ? run_status_ : MaceStatus();
-  }
-
-  MaceStatus Check(const Tensors& tensors, Block::Role role) const {
-    std::vector<std::string> names;
+  MaceStatus Check(const Tensors& tensors, const std::string& role) const {
+    Words names;
     for (const auto& tensor : tensors) names.push_back(tensor.first);
     if (!HasNames(names, role)) return Invalid("wrong names");
     for (const auto& [name, tensor] : tensors) {
+      if (tensor.data() == nullptr) std::abort();
       const Block& block = blocks_.at(name);
       if (tensor.shape() != block.shape || tensor.data_type() != block.type ||
           tensor.data_format() != DataFormat::NONE ||
@@ -217,49 +154,62 @@ class MaceEngine::Impl {
     return {};
   }
 
+  MaceStatus Compute(const Tensors& inputs, const Tensors& outputs) {
+    for (const auto& [name, tensor] : inputs) {
+      std::vector<char>& bytes = blocks_.at(name).bytes;
+      std::memcpy(bytes.data(), tensor.data<char>().get(), bytes.size());
+    }
+    ReadWeights();
+    for (int i = 0; i < numbers_["slow"]; ++i) std::this_thread::yield();
+    for (const Words& step : steps_) Do(step);
+    for (const auto& [name, tensor] : outputs) {
+      const std::vector<char>& bytes = blocks_.at(name).bytes;
+      std::memcpy(tensor.data<char>().get(), bytes.data(), bytes.size());
+    }
+    // A run that fails may have written some outputs: this one wrote all.
+    if (++runs_ != numbers_["fail-run"]) return {};
+    return {MaceStatus::MACE_RUNTIME_ERROR, "broken"};
+  }
+
   void ReadWeights() {
-    if (weights_ == nullptr) return;
     for (auto& [name, block] : blocks_) {
-      if (block.role != Block::WEIGHT) continue;
+      if (block.role != "weight" || weights_ == nullptr) continue;
       std::memcpy(block.bytes.data(), weights_ + block.offset,
                   block.bytes.size());
     }
   }
 
-  static void Do(const Step& step) {
-    Block& to = *step.operands[0];
-    Block& a = *step.operands[1];
-    Block& b = *step.operands.back();
-    if (step.operation == "copy") to.bytes = a.bytes;
-    if (step.operation == "matmul") MultiplyMatrices(a, b, to);
-    for (size_t i = 0; i < to.bytes.size() / sizeof(float); ++i) {
-      float& result = to.Floats()[i];
-      if (step.operation == "add") result = a.Floats()[i] + b.Floats()[i];
-      if (step.operation == "scale") result = a.Floats()[i] * step.factor;
+  void Do(const Words& step) {
+    Block& to = blocks_.at(step[1]);
+    Block& a = blocks_.at(step[2]);
+    if (step[0] == "copy") {
+      if (to.bytes.size() != a.bytes.size()) std::abort();
+      to.bytes = a.bytes;
+      return;
+    }
+    const size_t count = to.bytes.size() / sizeof(float);
+    for (size_t i = 0; i < count; ++i) {
+      if (step[0] == "scale") to[i] = a[i] * std::stof(step[3]);
+      if (step[0] == "add") to[i] = a[i] + blocks_.at(step[3])[i];
+      if (step[0] == "matmul") to[i] = Product(a, blocks_.at(step[3]), i);
     }
   }
 
-  static void MultiplyMatrices(Block& a, Block& b, Block& to) {
-    const auto inner = static_cast<size_t>(b.shape[0]);
-    const auto columns = static_cast<size_t>(b.shape[1]);
-    for (size_t i = 0; i < to.bytes.size() / sizeof(float); ++i) {
-      float sum = 0;
-      for (size_t k = 0; k < inner; ++k) {
-        sum += a.Floats()[i / columns * inner + k] *
-               b.Floats()[k * columns + i % columns];
-      }
-      to.Floats()[i] = sum;
+  // Element `i` of the product of two matrices.
+  static float Product(Block& a, Block& b, size_t i) {
+    float sum = 0;
+    for (size_t k = 0; k < b.Rows(); ++k) {
+      sum += a[i / b.Columns() * b.Rows() + k] *
+             b[k * b.Columns() + i % b.Columns()];
     }
+    return sum;
   }
 
   std::map<std::string, Block> blocks_;
-  std::vector<Step> steps_;
+  std::vector<Words> steps_;
+  std::map<std::string, int> numbers_;      // Of statements with nothing else.
   const unsigned char* weights_ = nullptr;  // Not owned.
-  int yields_ = 0;
   int runs_ = 0;
-  int failing_run_ = 0;
-  MaceStatus create_status_;
-  MaceStatus run_status_;
   std::atomic<bool> running_{false};
 };
 
@@ -315,21 +265,19 @@ MaceStatus MaceEngine::Run(const Tensors& inputs, Tensors* outputs) {
 
 MaceStatus CreateMaceEngineFromProto(
     const unsigned char* graph, size_t graph_size, const unsigned char* weights,
-    size_t weights_size, const std::vector<std::string>& inputs,
-    const std::vector<std::string>& outputs, const MaceEngineConfig& config,
-    std::shared_ptr<MaceEngine>* engine, bool* /*weights_unused*/,
-    MaceEngine* /*tutor*/, bool /*fake_warmup*/) {
+    size_t weights_size, const Words& inputs, const Words& outputs,
+    const MaceEngineConfig& config, std::shared_ptr<MaceEngine>* engine,
+    bool* /*weights_unused*/, MaceEngine* /*tutor*/, bool /*fake_warmup*/) {
   if (graph == nullptr) std::abort();
   *engine = std::make_shared<MaceEngine>(config);  // Before anything fails.
   MaceEngine::Impl& impl = *(*engine)->impl();
   const MaceStatus status =
       impl.Load(std::string(graph, graph + graph_size), weights, weights_size);
   if (status != MaceStatus::MACE_SUCCESS) return status;
-  if (!impl.HasNames(inputs, Block::INPUT) ||
-      !impl.HasNames(outputs, Block::OUTPUT)) {
-    return Invalid("wrong names");
+  if (impl.HasNames(inputs, "input") && impl.HasNames(outputs, "output")) {
+    return {};
   }
-  return {};
+  return Invalid("wrong names");
 }
 
 std::vector<std::string> control::TakeCalls() {
