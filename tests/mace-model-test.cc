@@ -119,8 +119,8 @@ void RunStreams(const std::vector<Model*>& models) {
 
 class MaceModelTest : public testing::Test {
  protected:
-  MaceModelTest() { mace::control::FailCalls(false); }
-  ~MaceModelTest() override {
+  void TearDown() override {
+    mace::control::FailCalls(false);
     EXPECT_EQ(mace::control::LiveEngines(), 0);
     EXPECT_EQ(mace::control::LiveRegions(), 0);
   }
@@ -196,7 +196,9 @@ cut | weights | cpu | Failed create mace engine, ret Invalid Arguments
 names | weights | cpu | Failed create mace engine, ret Invalid Arguments
 unlucky | weights | cpu | Failed create mace engine, ret Out of resources)")) {
       Device device(row[2] == "other" ? "cpu" : row[2]);
-      if (row[2] == "other") device.kind = static_cast<Device::Kind>(7);
+      if (row[2] == "other") {
+        device.kind = static_cast<Device::Kind>(7);  // NOLINT: out of range.
+      }
       // The inference thread would first make the device active: FATAL.
       if (options.infer_thread && device.kind == Device::CUDA) continue;
       std::unique_ptr<MaceModel> model;
@@ -293,7 +295,7 @@ TEST_F(MaceModelTest, CarriesEveryElementType) {
     const std::unique_ptr<Proxy> proxy(model->NewProxy());
     for (char call = 0; call < 3; ++call) {
       const Tensor x = proxy->CreateInput("x", {1, 2});
-      const size_t size = x.GetElementNum() * x.GetElementSize();
+      const size_t size = size_t{x.GetElementNum()} * x.GetElementSize();
       std::memset(x.Data(), call + 1, size);
       proxy->SetInput("x", x);
       ASSERT_TRUE(proxy->Inference());
@@ -307,13 +309,15 @@ TEST(MaceDataTypeTest, MapsBothWays) {
   const ScopedLogLevel silent(kSilent);
   std::vector<int> to_mace;
   std::vector<int> to_tarn;
-  for (int i = 0; i <= 9; ++i) {
-    to_mace.push_back(
-        MaceModel::TarnDataTypeToMace(static_cast<Tensor::DataType>(i)));
-    to_tarn.push_back(
-        MaceModel::MaceDataTypeToTarn(static_cast<mace::IDataType>(i)));
+  for (int i = 0; i <= mace::IDT_END; ++i) {
+    const auto mace_type = static_cast<mace::IDataType>(i);
+    to_tarn.push_back(MaceModel::MaceDataTypeToTarn(mace_type));
   }
-  EXPECT_THAT(to_mace, ElementsAre(0, 1, 0, 5, 4, 0, 7, 8, 0, 0));
+  for (int i = Tensor::FLOAT32; i <= Tensor::INT8; ++i) {
+    const auto type = static_cast<Tensor::DataType>(i);
+    to_mace.push_back(MaceModel::TarnDataTypeToMace(type));
+  }
+  EXPECT_THAT(to_mace, ElementsAre(1, 0, 5, 4, 0, 7, 8));
   EXPECT_THAT(to_tarn, ElementsAre(0, 1, 7, 0, 4, 3, 0, 6, 7, 0));
 }
 

@@ -20,7 +20,7 @@ zeros.
 State, all zeros at the start of a stream:
 
     samples      [batch, 480]     the newest samples, for overlapping windows
-    spectra      [batch, 51, 19]  the newest frames' 18 levels and periodicity
+    spectra      [batch, 64, 19]  the newest frames' 18 levels and periodicity
     noise_floor  [batch, 19, 18]  per band, depth of the quietest moment of
                                   each of the last 19 calls
     speech_level [batch, 1]       the loudest moment, sinking by 2 dB/s
@@ -61,7 +61,7 @@ CEILING = 300.0  # dB over -140 dBFS; no level reaches it.
 UNSET = -1e6
 FLOOR_CALLS = 20  # The noise floor is the minimum over two seconds.
 FLOOR_BIAS = 6.0  # dB by which noise usually exceeds its minimum.
-MAX_SNR, MAX_BELOW = 20.0, 40.0
+MAX_SNR, MAX_BELOW, MAX_CHANGE = 20.0, 40.0, 5.0
 LEVEL_DECAY = 0.2  # dB per call.
 LASTING = 4  # Frames.
 
@@ -72,7 +72,10 @@ PAST, FUTURE = 25, 12
 CHANGE_REACH, CHANGE_SMOOTHING = 5, 5
 MARGIN = CHANGE_REACH + CHANGE_SMOOTHING // 2
 SPAN = PAST + FRAMES + FUTURE  # Frames whose features a call needs.
-HISTORY = SPAN + 2 * MARGIN  # Frames whose spectra those features need.
+# Features also need frames before and after the span. Before it, because a
+# weak sound counts as loud as what was loudest within the last 200 ms.
+BEFORE, AFTER = 20, MARGIN
+HISTORY = BEFORE + SPAN + AFTER
 # One more frame of delay: a window's centre lies that far before its end.
 DELAY = MARGIN + FUTURE + 1
 assert DELAY == 2 * FRAMES
@@ -80,12 +83,12 @@ assert DELAY == 2 * FRAMES
 # Log-odds per unit of each feature: average over the short and the long span.
 WEIGHTS = {
     "low_snr": (0.06, 0.0),  # dB over the floor below 700 Hz.
-    "below": (-0.05, -0.12),  # dB under the loudest moment: others, echoes.
-    "voicing": (0.0, 0.7),  # Periodicity times dB over the floor.
-    "periodicity": (0.0, -7.5),  # Without level: hum, music.
-    "change": (0.05, 0.8),  # dB of spectral change: speech moves on.
+    "below": (-0.13, -0.1),  # dB under the loudest moment: others, echoes.
+    "voicing": (0.0, 0.9),  # Periodicity times dB over the floor.
+    "periodicity": (0.0, -9.0),  # Without level: hum, music.
+    "change": (0.2, 1.0),  # dB of spectral change: speech moves on.
 }
-BIAS = -0.2
+BIAS = -0.7
 
 
 def mel_bands():
@@ -134,7 +137,9 @@ def smoother():
     offset = np.arange(-PAST, FUTURE + 1)
     short = (np.abs(offset) <= SHORT_REACH) / (2 * SHORT_REACH + 1)
     long = np.ones(offset.size) / offset.size
-    return np.stack([s * short + l * long for s, l in WEIGHTS.values()])[None]
+    rows = [of_short * short + of_long * long
+            for of_short, of_long in WEIGHTS.values()]
+    return np.stack(rows)[None]
 
 
 class GraphBuilder:
@@ -188,8 +193,13 @@ class GraphBuilder:
         negated = self.moving_maximum(self.op("Neg", data), frames)
         return self.op("Neg", negated)
 
-    def mean(self, data, axis):
-        return self.op("ReduceMean", data, axes=[axis])
+    def mean_of(self, data, size):
+        """Averages the last axis, which has `size` values.
+
+        A product instead of ReduceMean: the order in which that adds up
+        depends on where in the batch a row stands.
+        """
+        return self.op("MatMul", data, np.full((size, 1), 1.0 / size))
 
     def max(self, data, axis):
         return self.op("ReduceMax", data, axes=[axis])
@@ -294,11 +304,14 @@ def add_speech_level(g, loudness):
 
 def add_spectral_change(g, filled):
     """Mean difference of spectral shapes before and after each frame, dB."""
-    shape = g.op("Sub", filled, g.mean(filled, 2))
+    filled = g.slice(filled, BEFORE - MARGIN, HISTORY)
+    shape = g.op("Sub", filled, g.mean_of(filled, BANDS))
     smooth = g.moving_average(shape, CHANGE_SMOOTHING)
     before = g.slice(smooth, 0, SPAN)
     after = g.slice(smooth, 2 * CHANGE_REACH, 2 * CHANGE_REACH + SPAN)
-    return g.mean(g.op("Abs", g.op("Sub", after, before)), 2)
+    change = g.op("Abs", g.op("Sub", after, before))
+    change = g.mean_of(change, BANDS)
+    return g.limit(change, 0, MAX_CHANGE)
 
 
 def add_features(g, levels, periodicity):
@@ -306,7 +319,7 @@ def add_features(g, levels, periodicity):
     floor = add_noise_floor(g, levels)
     loudness = add_loudness(g, levels)
     speech_level = g.unsqueeze(add_speech_level(g, loudness), 2)
-    middle = (MARGIN, MARGIN + SPAN)
+    middle = (BEFORE, BEFORE + SPAN)
     periodicity = g.slice(periodicity, *middle)
 
     # Where nothing was heard yet the floor stands in, which is no change.
@@ -314,13 +327,14 @@ def add_features(g, levels, periodicity):
     excess = g.op("Sub", g.slice(filled, *middle), floor)
     snr = g.limit(g.op("Sub", excess, FLOOR_BIAS), 0, MAX_SNR)
     harmonic = g.limit(g.op("Sub", periodicity, 0.25), 0, 0.4)
-    # A weak sound beside a loud one belongs to it.
-    nearby = g.moving_maximum(loudness, 2 * MARGIN + 1)
+    nearby = g.moving_maximum(loudness, BEFORE + 1 + AFTER)
     below = g.op("Sub", speech_level, nearby)
     return {
-        "low_snr": g.mean(g.slice(snr, 0, LOW_BANDS, axis=2), 2),
+        "low_snr": g.mean_of(
+            g.slice(snr, 0, LOW_BANDS, axis=2), LOW_BANDS
+        ),
         "below": g.limit(below, 0, MAX_BELOW),
-        "voicing": g.op("Mul", harmonic, g.mean(snr, 2)),
+        "voicing": g.op("Mul", harmonic, g.mean_of(snr, BANDS)),
         "periodicity": periodicity,
         "change": add_spectral_change(g, filled),
     }

@@ -58,7 +58,7 @@ def speech_frames(segments, frames):
 
 
 def score_file(found_segments, true_file):
-    frames = int(round(true_file["duration"] / HOP))
+    frames = round(true_file["duration"] / HOP)
     found = speech_frames(found_segments, frames)
     true = speech_frames(true_file["segments"], frames)
     return Score(len(found & true), len(found - true), len(true - found))

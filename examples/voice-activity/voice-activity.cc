@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -21,8 +22,12 @@
 namespace {
 
 constexpr size_t kSamplesPerFrame = 160;
-constexpr size_t kLookAhead = 20;   // Frames that the network runs ahead.
-constexpr float kThreshold = 0.5F;  // Speech from this probability on.
+constexpr size_t kLookAhead = 20;  // Frames that the network runs ahead.
+// Of the probability, and in frames: what counts as speech.
+constexpr float kOnset = 0.5F;
+constexpr float kOffset = 0.35F;
+constexpr int kShortestSpeech = 10;
+constexpr int kShortestPause = 20;
 constexpr double kHop = static_cast<double>(kSamplesPerFrame) / kSampleRate;
 
 struct Stream {
@@ -31,10 +36,10 @@ struct Stream {
   bool failed = false;
 };
 
+// The frames of a stretch of speech.
 struct Segment {
-  size_t begin;  // First frame.
-  size_t end;    // First frame behind it.
-  double probability;
+  std::vector<float>::const_iterator begin;
+  std::vector<float>::const_iterator end;
 };
 
 // Counts how many requests the model computes together.
@@ -98,28 +103,37 @@ void RunStream(tarn::Proxy& proxy, Stream& stream) {
   probabilities.resize(frames);
 }
 
+// Speech begins at kOnset and lasts down to kOffset. What is too short for
+// speech is left out, pauses that are too short are bridged.
 std::vector<Segment> FindSegments(const std::vector<float>& probabilities) {
   std::vector<Segment> segments;
-  for (size_t i = 0; i < probabilities.size(); ++i) {
-    if (probabilities[i] < kThreshold) continue;
-    const bool goes_on = !segments.empty() && segments.back().end == i;
-    if (!goes_on) segments.push_back({i, i, 0});
-    Segment& segment = segments.back();
-    const auto count = static_cast<double>(i - segment.begin);
-    segment.probability =
-        (segment.probability * count + probabilities[i]) / (count + 1);
-    segment.end = i + 1;
+  const auto first = probabilities.begin();
+  const auto last = probabilities.end();
+  for (auto end = first; end != last;) {
+    const auto begin =
+        std::find_if(end, last, [](float p) { return p >= kOnset; });
+    end = std::find_if(begin, last, [](float p) { return p < kOffset; });
+    if (end - begin < kShortestSpeech) continue;
+    if (!segments.empty() && begin - segments.back().end < kShortestPause) {
+      segments.back().end = end;
+    } else {
+      segments.push_back({begin, end});
+    }
   }
   return segments;
 }
 
 nlohmann::json Describe(const Stream& stream) {
+  const auto first = stream.probabilities.begin();
   nlohmann::json segments = nlohmann::json::array();
   for (const Segment& segment : FindSegments(stream.probabilities)) {
-    const double end = static_cast<double>(segment.end) * kHop;
-    segments.push_back({{"start", static_cast<double>(segment.begin) * kHop},
-                        {"end", std::min(end, stream.audio.duration)},
-                        {"probability", segment.probability}});
+    const double end = static_cast<double>(segment.end - first) * kHop;
+    const double sum = std::accumulate(segment.begin, segment.end, 0.0);
+    segments.push_back(
+        {{"start", static_cast<double>(segment.begin - first) * kHop},
+         {"end", std::min(end, stream.audio.duration)},
+         {"probability",
+          sum / static_cast<double>(segment.end - segment.begin)}});
   }
   return {{"path", stream.audio.path},
           {"sample_rate", stream.audio.sample_rate},

@@ -307,7 +307,7 @@ Tensor::DataType MaceModel::MaceDataTypeToTarn(mace::IDataType type) {
   TARN_LOG(FATAL) << "unsupported data type of mace: "
                   << static_cast<int32_t>(type);
   // Reached only when the log level silences fatal checks.
-  return static_cast<Tensor::DataType>(0);
+  return static_cast<Tensor::DataType>(0);  // NOLINT: out of range.
 }
 
 }  // namespace tarn
