@@ -91,7 +91,7 @@ TEST(RunningModeTest, LosesNothingWithManyCallers) {
         InferThreadOptions("4", 0), InferThreadOptions("1-4", 100)}) {
     EchoModel model(options);
     std::atomic<int> unclaimed{400};
-    RunThreads(7, [&] {
+    RunThreads(12, [&] {
       const auto stream = NewStream(model);
       for (float sum = 2; unclaimed-- > 0; sum += 2) {
         SetX(*stream, 2);

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -16,8 +16,8 @@ namespace {
 // The types and functions that the library is to show.
 constexpr char kExports[] = R"(
 BaseModel BaseProxy Device InferenceObserver MaceModel MessageLogger Model
-ModelInfo ModelOptions OnnxModel ParallelProxy ParseOptions Proxy Queue Semaphore
-SerialProxy Tensor ConvertDataTypeToString ConvertFormatToString
+ModelInfo ModelOptions OnnxModel ParallelProxy ParseOptions Proxy Queue
+Semaphore SerialProxy Tensor ConvertDataTypeToString ConvertFormatToString
 ConvertShapeToString ConvertStringToInteger ConvertStringToReal FreeOnDevice
 MallocOnDevice MemoryCopy MemorySet NewModel NewModelFromMem NewSharedModels
 NewSharedModelsFromMem SetActiveDevice SetLogLevel SetObserver
@@ -30,8 +30,9 @@ std::string OwnerOf(const std::string& symbol) {
   for (size_t i = 0; i < symbol.size(); ++i) {
     if (symbol[i] == '<' || symbol[i] == '(') ++depth;
     if (symbol[i] == '>' || symbol[i] == ')') --depth;
-    if (depth > 0 || symbol.compare(i, strlen("tarn::"), "tarn::") != 0)
+    if (depth > 0 || symbol.compare(i, strlen("tarn::"), "tarn::") != 0) {
       continue;
+    }
     const std::string name = symbol.substr(i + strlen("tarn::"));
     return name.substr(0, name.find_first_of(":<([\n"));
   }

@@ -160,7 +160,7 @@ TEST_F(ProxyDeathTest, MissesWhatHasNotBeenSet) {
 
 TEST_F(ProxyTest, KeepsStateUntilReset) {
   EXPECT_TRUE(serial_->HasInput("x"));
-  for (float expected : {3, 6, 9, 3}) {
+  for (float expected : {3.0F, 6.0F, 9.0F, 3.0F}) {
     if (expected == 3) serial_->Reset();
     EXPECT_EQ(serial_->HasCache("sum-next"), expected != 3);
     EXPECT_EQ(serial_->HasOutput("y"), expected != 3);

@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <sys/wait.h>
 
 #include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <thread>
@@ -123,7 +123,7 @@ class BatchSizes : public InferenceObserver {
 
 TEST(VoiceActivityTest, GivesEachOf64BatchedStreamsWhatItGetsAlone) {
   constexpr size_t kStreams = 64;
-  constexpr size_t kSamples = 30 * 1600;
+  constexpr size_t kSamples = 48000;
   ModelOptions options(kConfig, /*scrambled=*/false);
   const auto new_model = [&options] {
     return std::unique_ptr<Model>(

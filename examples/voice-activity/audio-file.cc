@@ -21,7 +21,9 @@ std::vector<float> Upsample(const std::vector<float>& samples) {
          ++k) {
       const double x = pi * (k - 0.5);
       const double window = 0.5 + 0.5 * std::cos(x / kTaps);
-      between += samples[static_cast<size_t>(i + k)] * std::sin(x) / x * window;
+      const int neighbour = i + k;
+      between +=
+          samples[static_cast<size_t>(neighbour)] * std::sin(x) / x * window;
     }
     doubled.push_back(samples[static_cast<size_t>(i)]);
     doubled.push_back(static_cast<float>(between));

@@ -271,7 +271,7 @@ MaceStatus CreateMaceEngineFromProto(
   if (graph == nullptr) std::abort();
   *engine = std::make_shared<MaceEngine>(config);  // Before anything fails.
   MaceEngine::Impl& impl = *(*engine)->impl();
-  const MaceStatus status =
+  MaceStatus status =
       impl.Load(std::string(graph, graph + graph_size), weights, weights_size);
   if (status != MaceStatus::MACE_SUCCESS) return status;
   if (impl.HasNames(inputs, "input") && impl.HasNames(outputs, "output")) {
