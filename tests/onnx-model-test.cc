@@ -279,7 +279,7 @@ accumulator | y: | z: | undefined outputs:y
 accumulator | sum-next | z | undefined outputs:sum-next
 accumulator | -1 | 4 | *cache:sum, shape=[-1, 3], dtype=FLOAT32
 types | x-int8:INT8 | x-int8:INT16 | *input:x-int8, shape=[-1, 3], dtype=INT8
-types | y-uint8:INT8 | y-uint8:INT32 | *output:y-uint8, shape=[-1, 3], dtype=INT8
+types | y-int8:INT8 | y-int8:INT16 | *output:y-int8, shape=[-1, 3], dtype=INT8
 scalar | - | - | *input:x, shape=[], dtype=FLOAT32)")) {
     SCOPED_TRACE(row[3]);
     if (row[3][0] == '*') {

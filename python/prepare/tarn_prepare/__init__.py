@@ -1,0 +1,1 @@
+"""Makes exported streaming models fit for serving in batches."""
