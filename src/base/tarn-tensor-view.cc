@@ -183,15 +183,16 @@ bool Tensor::IsValidIndex(int index, size_t dimension) const {
 // The view whose leading `count` dimensions are fixed to `indices`; a negative
 // index counts from the end.
 Tensor Tensor::ViewAt(const int* indices, size_t count) const {
-  const std::vector<int> strides = GetStride();
-  ptrdiff_t first_element = 0;
+  ptrdiff_t position = 0;  // Among the views of this rank.
   for (size_t k = 0; k < count; ++k) {
-    const ptrdiff_t index = indices[k] < 0 ? indices[k] + ptrdiff_t{shape_[k]}
-                                           : ptrdiff_t{indices[k]};
-    first_element += index * strides[k];
+    const ptrdiff_t size = shape_[k];
+    const ptrdiff_t index = indices[k];
+    position = position * size + (index < 0 ? index + size : index);
   }
   const auto inner = shape_.begin() + static_cast<ptrdiff_t>(count);
-  return View(first_element, std::vector<int>(inner, shape_.end()));
+  std::vector<int> shape(inner, shape_.end());
+  const ptrdiff_t element_num = GetElementNum(shape);
+  return View(position * element_num, std::move(shape));
 }
 
 Tensor Tensor::View(ptrdiff_t first_element, std::vector<int> shape) const {
