@@ -98,6 +98,11 @@ TEST(FactoryDeathTest, RejectsWhatItCannotUse) {
     if (factory.from_memory) {
       factory.ExpectFatalFrom("mace", kFile, "unimplemented.", options);
     } else {
+#ifndef USE_BACKEND_MACE
+      factory.ExpectFatalFrom("mace", kFile,
+                              "expect macro:USE_BACKEND_MACE to be turned on.",
+                              options);
+#endif
       for (const std::string& path : {kDirectory, kDirectory + "/none"}) {
         factory.ExpectFatalFrom("onnx", path, "read model failed from " + path,
                                 options);

@@ -29,7 +29,7 @@ using Lines = std::vector<std::string>;
 const std::string kGraph =
     "input x 1 1 2\ninput sum 1 1 2\noutput y 1 1 2\noutput sum-next 1 1 2\n"
     "weight w 1 2 2\n"
-    "scale sum-next sum 0.5\nadd sum-next sum-next x\nmatmul y sum-next w\n";
+    "scale sum-next sum 0.5\naccumulate sum-next x\nmatmul y sum-next w\n";
 constexpr float kWeights[] = {-1, 1, 2, 3, 4};
 const std::string kWeightsFile(reinterpret_cast<const char*>(kWeights),
                                sizeof(kWeights));

@@ -123,8 +123,11 @@ class MaceEngine::Impl {
 
  private:
   bool Read(const Words& words) {
-    static const std::map<std::string, size_t> kWordNums = {
-        {"copy", 3}, {"add", 4}, {"scale", 4}, {"matmul", 4}};
+    static const std::map<std::string, size_t> kWordNums = {{"copy", 3},
+                                                            {"accumulate", 3},
+                                                            {"add", 4},
+                                                            {"scale", 4},
+                                                            {"matmul", 4}};
     if (words.size() < 2) return false;
     const auto word_num = kWordNums.find(words[0]);
     if (word_num != kWordNums.end()) {
@@ -189,6 +192,7 @@ class MaceEngine::Impl {
     }
     const size_t count = to.bytes.size() / sizeof(float);
     for (size_t i = 0; i < count; ++i) {
+      if (step[0] == "accumulate") to[i] += a[i];
       if (step[0] == "scale") to[i] = a[i] * std::stof(step[3]);
       if (step[0] == "add") to[i] = a[i] + blocks_.at(step[3])[i];
       if (step[0] == "matmul") to[i] = Product(a, blocks_.at(step[3]), i);
