@@ -24,9 +24,7 @@ ModelInfo::ModelInfo(const ModelOptions& options)
     TARN_LOG(FATAL) << "expect --infer-interval>=0 if there is independent "
                     << "inference thread.";
   }
-  const bool only_batch_is_dynamic =
-      ranges_.size() == 1 && ranges_.count(batch_dim_) == 1;
-  if (GetCacheNum() > 0 && !ranges_.empty() && !only_batch_is_dynamic) {
+  if (GetCacheNum() > 0 && HasDynamicRows()) {
     TARN_LOG(FATAL) << "except for the batch dimension, all other dimensions "
                     << "should be fixed if the model is streaming.";
   }
@@ -337,6 +335,10 @@ std::pair<int, int> ModelInfo::GetDimensionRange(
     TARN_LOG(FATAL) << "no dynamic dimension named " << name << " exists.";
   }
   return ranges_.at(name);
+}
+
+bool ModelInfo::HasDynamicRows() const {
+  return ranges_.size() > ranges_.count(batch_dim_);
 }
 
 bool ModelInfo::CheckShape(const std::vector<int>& shape,

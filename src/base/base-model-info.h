@@ -85,6 +85,8 @@ class TARN_EXPORT ModelInfo {
     return ranges_;
   }
   bool HasBatchDimension() const { return has_batch_dimension_; }
+  // Whether a dimension other than the batch dimension is dynamic.
+  bool HasDynamicRows() const;
   const std::string& batch_dim() const { return batch_dim_; }
 
   bool multi_threads() const { return multi_threads_; }

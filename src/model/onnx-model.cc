@@ -261,10 +261,7 @@ void OnnxModel::Compute(const std::vector<BaseProxy*>& proxies) {
 
 void OnnxModel::GetBindings(const std::vector<BaseProxy*>& proxies,
                             std::map<std::string, Tensor>& bindings) {
-  const auto& ranges = info_->GetDimensionRanges();
-  const bool only_batch_is_dynamic =
-      ranges.size() == 1 && ranges.count(info_->batch_dim()) == 1;
-  const bool rows_differ = !ranges.empty() && !only_batch_is_dynamic;
+  const bool rows_differ = info_->HasDynamicRows();
   const auto bind = [&](const std::string& name,
                         const std::vector<int>& described, auto get_row_shape) {
     const Tensor& memory = memorys_[name];
