@@ -15,6 +15,16 @@ namespace tarn {
 // input already in place.
 class BareModel {
  public:
+  // What the library asks for.
+  static Ort::SessionOptions Options(int num_threads) {
+    Ort::SessionOptions options;
+    options.SetIntraOpNumThreads(num_threads);
+    options.SetGraphOptimizationLevel(ORT_ENABLE_EXTENDED);
+    options.DisableCpuMemArena();
+    options.DisableMemPattern();
+    return options;
+  }
+
   // Dynamic dimensions get the size `batch_size`.
   BareModel(const std::string& path, int num_threads, int batch_size)
       : session_(env_, path.c_str(), Options(num_threads)) {
@@ -64,15 +74,6 @@ class BareModel {
     std::vector<int64_t> shape;
     std::vector<float> elements;
   };
-
-  static Ort::SessionOptions Options(int num_threads) {
-    Ort::SessionOptions options;
-    options.SetIntraOpNumThreads(num_threads);
-    options.SetGraphOptimizationLevel(ORT_ENABLE_EXTENDED);
-    options.DisableCpuMemArena();
-    options.DisableMemPattern();
-    return options;
-  }
 
   Ort::Env env_{ORT_LOGGING_LEVEL_WARNING, "bare"};
   Ort::Session session_;

@@ -4,12 +4,19 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 namespace tarn {
+
+// How many rounds a benchmark takes: `full`, or few where the environment asks
+// for a quick run, which shows no more than that all works.
+inline int RoundNum(int full) {
+  return std::getenv("TARN_BENCH_QUICK") == nullptr ? full : 2;
+}
 
 // The seconds that `count` calls of `action` take.
 template <typename Action>
@@ -20,41 +27,52 @@ double SecondsOf(int count, Action action) {
   return std::chrono::duration<double>(end - start).count();
 }
 
-// Measures the library and the bare engine in turns: on a machine with other
-// work, what slows a round down slows both of its sides. The median of the
-// rounds' ratios is the result, their quartiles tell how noisy it is.
+// The value below which `part` of the values lie.
+inline double Quantile(double part, std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[static_cast<size_t>(part *
+                                    static_cast<double>(values.size() - 1))];
+}
+
+// Measures the library and its base, what it is compared with, in turns: on a
+// machine with other work, what slows a round down slows both of its sides. The
+// medians of the rounds' ratios and differences are the result, their quartiles
+// tell how noisy it is.
 class Rounds {
  public:
-  // Runs one round; `library` and `bare` each return what one side measured.
+  // Runs one round; `library` and `base` each return what one side measured.
   // The sides take turns in going first.
-  template <typename Library, typename Bare>
-  void Run(Library library, Bare bare) {
+  template <typename Library, typename Base>
+  void Run(Library library, Base base) {
     const bool library_first = ratio_.size() % 2 == 0;
     if (library_first) library_.push_back(library());
-    bare_.push_back(bare());
+    base_.push_back(base());
     if (!library_first) library_.push_back(library());
-    ratio_.push_back(library_.back() / bare_.back());
+    ratio_.push_back(library_.back() / base_.back());
+    difference_.push_back(library_.back() - base_.back());
   }
 
-  // Prints both sides' medians, in `unit`, and the ratio beside them.
-  void Report(const std::string& unit, benchmark::State& state) {
-    state.counters["library_" + unit] = Quantile(0.5, library_);
-    state.counters["bare_" + unit] = Quantile(0.5, bare_);
-    state.counters["ratio"] = Quantile(0.5, ratio_);
-    state.counters["ratio_q1"] = Quantile(0.25, ratio_);
-    state.counters["ratio_q3"] = Quantile(0.75, ratio_);
+  // Prints the medians of both sides, and what the one is to the other.
+  void Report(benchmark::State& state) const {
+    ReportQuartiles("library", library_, state);
+    ReportQuartiles("base", base_, state);
+    ReportQuartiles("ratio", ratio_, state);
+    ReportQuartiles("difference", difference_, state);
   }
 
  private:
-  static double Quantile(double part, std::vector<double>& values) {
-    std::sort(values.begin(), values.end());
-    return values[static_cast<size_t>(part *
-                                      static_cast<double>(values.size() - 1))];
+  static void ReportQuartiles(const std::string& name,
+                              const std::vector<double>& values,
+                              benchmark::State& state) {
+    state.counters[name] = Quantile(0.5, values);
+    state.counters[name + "_q1"] = Quantile(0.25, values);
+    state.counters[name + "_q3"] = Quantile(0.75, values);
   }
 
   std::vector<double> library_;
-  std::vector<double> bare_;
+  std::vector<double> base_;
   std::vector<double> ratio_;
+  std::vector<double> difference_;
 };
 
 }  // namespace tarn

@@ -1,9 +1,10 @@
-// How much of the engine's throughput do 64 caller threads get, whose requests
-// the inference thread batches?
+// How much of the engine's throughput do many streams get, whose requests the
+// library batches?
 //
-// Library: 64 threads with a stream each, in a steady state. Bare: runs at
-// batch 64, one after the other, with the inputs already in place. Both let the
-// engine use as many threads as the configuration says.
+// Library: streams in a steady state. Base: bare runs, one after the other,
+// with the inputs already in place, at a batch of as many rows as there are
+// streams and 64 at most. Both let the engine use as many threads as the
+// configuration says.
 
 #include <algorithm>
 #include <atomic>
@@ -18,48 +19,53 @@
 
 #include "bare-model.h"
 #include "rounds.h"
-#include "tarn.h"
+#include "stream.h"
+#include "tarn/utils/semaphore.h"
 
 namespace tarn {
 namespace {
 
-constexpr int kStreams = 64;
-constexpr int kRequests = 32 * kStreams;
-// Requests of a round before those that are timed: until the scheduler has
-// spread the threads over the cores.
-constexpr int kWarmUpRequests = 64 * kStreams;
+constexpr int kMaxBatch = 64;
 
-// One request of a stream, as a caller makes it.
-void Request(Proxy* stream) {
-  Tensor feats = stream->CreateInput("feats", stream->GetInputShape("feats"));
-  std::fill_n(feats.Data<float>(), feats.GetElementNum(), 0.1f);
-  stream->SetInput("feats", feats);
-  if (!stream->Inference()) std::abort();  // The log says why.
-  benchmark::DoNotOptimize(stream->GetOutput("encoded").Data<float>()[0]);
-}
+// How much a round does.
+struct Amount {
+  Amount(benchmark::State& state, int full_batches)
+      : streams(static_cast<int>(state.range(0))),
+        batch(std::min(streams, kMaxBatch)),
+        requests(RoundNum(full_batches) * batch) {}
 
-// Tells when the callers have warmed up, and when they have made enough
+  int streams;
+  int batch;
+  // That are timed, and as many before them: until the scheduler has spread
+  // the threads over the cores.
+  int requests;
+};
+
+// Tells when the streams have warmed up, and when they have made enough
 // requests. All are busy at both moments. Safe from any thread.
 class Progress {
  public:
-  // Counts a finished request; returns whether the caller shall make another.
+  explicit Progress(int requests) : requests_(requests) {}
+
+  // Counts a finished request; returns whether its stream shall make another.
   bool Finish() {
     const int finished = ++finished_;
-    if (finished == kWarmUpRequests) start_ = Clock::now();
-    if (finished == kWarmUpRequests + kRequests) end_ = Clock::now();
-    return finished < kWarmUpRequests + kRequests;
+    if (finished == requests_) start_ = Clock::now();
+    if (finished == 2 * requests_) end_ = Clock::now();
+    return finished < 2 * requests_;
   }
 
-  // To be asked after the callers have left.
+  // To be asked after the streams have stopped.
   double RequestsPerSecond() const {
-    return kRequests / std::chrono::duration<double>(end_ - start_).count();
+    return requests_ / std::chrono::duration<double>(end_ - start_).count();
   }
 
  private:
   using Clock = std::chrono::steady_clock;
 
+  const int requests_;
   std::atomic<int> finished_{0};
-  Clock::time_point start_;  // Each written by one caller.
+  Clock::time_point start_;  // Each written by one thread.
   Clock::time_point end_;
 };
 
@@ -67,16 +73,25 @@ class Progress {
 // while after a run, and the inference thread of an idle model wakes up at
 // every interval, both at the other side's cost.
 
-double MeasureLibrary(const std::string& path, const ModelOptions& options) {
-  const std::unique_ptr<Model> model(
-      NewModel(options, "onnx", "cpu", path, "", ""));
-  Progress progress;
+double MeasureBare(const Network& network, const Amount& amount) {
+  BareModel model(network.model, network.options.num_execute_threads,
+                  amount.batch);
+  const auto run = [&model] { model.Run(); };
+  const int runs = amount.requests / amount.batch;
+  SecondsOf(runs, run);
+  return amount.requests / SecondsOf(runs, run);
+}
+
+// Every stream has a thread of its own.
+double MeasureThreads(const Network& network, const Amount& amount) {
+  const auto model = network.Load();
+  Progress progress(amount.requests);
   std::vector<std::thread> callers;
-  for (int i = 0; i < kStreams; ++i) {
+  for (int i = 0; i < amount.streams; ++i) {
     callers.emplace_back([&model, &progress] {
-      const std::unique_ptr<Proxy> stream(model->NewProxy());
+      Stream stream(*model);
       do {
-        Request(stream.get());
+        benchmark::DoNotOptimize(stream.Request());
       } while (progress.Finish());
     });
   }
@@ -84,27 +99,128 @@ double MeasureLibrary(const std::string& path, const ModelOptions& options) {
   return progress.RequestsPerSecond();
 }
 
-double MeasureBare(const std::string& path, const ModelOptions& options) {
-  BareModel model(path, options.num_execute_threads, kStreams);
-  const auto run = [&model] { model.Run(); };
-  SecondsOf(kWarmUpRequests / kStreams, run);
-  return kRequests / SecondsOf(kRequests / kStreams, run);
+// One thread runs the requests of all streams together.
+double MeasureTogether(const Network& network, const Amount& amount) {
+  const auto model = network.Load();
+  std::vector<Stream> streams = MakeStreams(*model, amount.streams);
+  const std::vector<Proxy*> proxies = ProxiesOf(streams);
+  const auto request = [&] {
+    benchmark::DoNotOptimize(RequestAll(streams, proxies));
+  };
+  const int steps = std::max(1, amount.requests / amount.streams);
+  SecondsOf(steps, request);
+  return 1.0 * steps * amount.streams / SecondsOf(steps, request);
 }
 
-void ManyStreams(benchmark::State& state, const std::string& name) {
-  const std::string path = std::string(TARN_BENCH_MODELS "/") + name;
-  const ModelOptions options(path + ".conf", /*scrambled=*/false);
-  SetLogLevel(ERROR);  // Loading a model is logged as a warning.
+// A stream that makes its next request as soon as the last one is done.
+class EagerStream {
+ public:
+  EagerStream(Model& model, Progress& progress, Semaphore& stopped)
+      : stream_(model), progress_(progress), stopped_(stopped) {}
+
+  void Submit() {
+    stream_.Fill();
+    InferenceAsync(stream_.proxy(), [this](Proxy*, bool has_outputs) {
+      if (!has_outputs) std::abort();  // The log says why.
+      benchmark::DoNotOptimize(stream_.Read());
+      if (progress_.Finish()) {
+        Submit();
+      } else {
+        stopped_.Signal();
+      }
+    });
+  }
+
+ private:
+  Stream stream_;
+  Progress& progress_;
+  Semaphore& stopped_;
+};
+
+// One thread starts the streams, the inference thread does the rest.
+double MeasureAsync(const Network& network, const Amount& amount) {
+  const auto model = network.Load();
+  Progress progress(amount.requests);
+  Semaphore stopped;
+  std::vector<std::unique_ptr<EagerStream>> streams;
+  for (int i = 0; i < amount.streams; ++i) {
+    streams.push_back(std::make_unique<EagerStream>(*model, progress, stopped));
+  }
+  for (const auto& stream : streams) stream->Submit();
+  for (int i = 0; i < amount.streams; ++i) stopped.Wait();
+  return progress.RequestsPerSecond();
+}
+
+template <typename Measure>
+void Compare(benchmark::State& state, const Network& network, int batches,
+             Measure measure) {
+  const Amount amount(state, batches);
   Rounds rounds;
   for (auto _ : state) {
-    rounds.Run([&] { return MeasureLibrary(path + ".onnx", options); },
-               [&] { return MeasureBare(path + ".onnx", options); });
+    rounds.Run([&] { return measure(network, amount); },
+               [&] { return MeasureBare(network, amount); });
   }
-  rounds.Report("requests_per_s", state);
-  state.SetLabel("throughput, 64 streams / bare batch 64: higher is better");
+  rounds.Report(state);
+  state.SetLabel("requests/s, library / bare: higher is better");
 }
 
-BENCHMARK_CAPTURE(ManyStreams, gru_2x256, "gru")->Iterations(16);
+void Threads(benchmark::State& state, const std::string& name, int batches) {
+  Network network(TARN_BENCH_MODELS "/" + name);
+  // While one half is computed, the other half comes back.
+  if (state.range(0) >= kMaxBatch) network.options.dynamic_dims = "batch:1-32";
+  Compare(state, network, batches, MeasureThreads);
+}
+
+void Together(benchmark::State& state, const std::string& name, int batches) {
+  Network network(TARN_BENCH_MODELS "/" + name);
+  network.options.infer_thread = false;  // No other thread brings requests.
+  Compare(state, network, batches, MeasureTogether);
+}
+
+void Async(benchmark::State& state, const std::string& name, int batches) {
+  Compare(state, Network(TARN_BENCH_MODELS "/" + name), batches, MeasureAsync);
+}
+
+BENCHMARK_CAPTURE(Threads, gru_2x256, "gru-2x256", 32)
+    ->RangeMultiplier(4)
+    ->Range(1, 64)
+    ->Iterations(RoundNum(16));
+BENCHMARK_CAPTURE(Threads, gru_1x64, "gru-1x64", 256)
+    ->RangeMultiplier(4)
+    ->Range(1, 64)
+    ->Iterations(RoundNum(16));
+BENCHMARK_CAPTURE(Threads, conformer, "conformer", 6)
+    ->Arg(64)
+    ->Iterations(RoundNum(10));
+
+BENCHMARK_CAPTURE(Together, gru_2x256, "gru-2x256", 32)
+    ->RangeMultiplier(4)
+    ->Range(1, 1024)
+    ->Iterations(RoundNum(16));
+BENCHMARK_CAPTURE(Together, gru_1x64, "gru-1x64", 256)
+    ->RangeMultiplier(4)
+    ->Range(1, 1024)
+    ->Iterations(RoundNum(16));
+BENCHMARK_CAPTURE(Together, add, "add", 1024)
+    ->RangeMultiplier(4)
+    ->Range(64, 1024)
+    ->Iterations(RoundNum(50));
+BENCHMARK_CAPTURE(Together, conformer, "conformer", 6)
+    ->Arg(64)
+    ->Iterations(RoundNum(10));
+
+BENCHMARK_CAPTURE(Async, gru_2x256, "gru-2x256", 32)
+    ->RangeMultiplier(4)
+    ->Range(64, 1024)
+    ->Iterations(RoundNum(16));
+BENCHMARK_CAPTURE(Async, gru_1x64, "gru-1x64", 256)
+    ->RangeMultiplier(4)
+    ->Range(64, 1024)
+    ->Iterations(RoundNum(16));
+BENCHMARK_CAPTURE(Async, add, "add", 1024)
+    ->RangeMultiplier(4)
+    ->Range(64, 1024)
+    ->Iterations(RoundNum(50));
 
 }  // namespace
 }  // namespace tarn

@@ -18,16 +18,6 @@ namespace {
 using Requests = std::vector<std::unique_ptr<BaseProxy>>;
 using Sizes = std::vector<size_t>;
 
-// Longer than any test may take: a thread that sleeps through it hangs.
-constexpr int kTenMinutes = 600 * 1000 * 1000;
-
-ModelOptions InferThreadOptions(const std::string& batch, int interval) {
-  ModelOptions options = EchoOptions(batch);
-  options.infer_thread = true;
-  options.infer_interval = interval;
-  return options;
-}
-
 EchoModel::SharedQueue NewQueue() {
   return std::make_shared<Queue<BaseProxy*>>();
 }

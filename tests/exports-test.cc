@@ -17,11 +17,13 @@ namespace {
 constexpr char kExports[] = R"(
 BaseModel BaseProxy Device InferenceObserver MaceModel MessageLogger Model
 ModelInfo ModelOptions OnnxModel ParallelProxy ParseOptions Proxy Queue
-Semaphore SerialProxy Tensor ConvertDataTypeToString ConvertFormatToString
+Semaphore SerialProxy Tensor CheckModel CheckModelFromMem
+ConvertDataTypeToString ConvertFormatToString
 ConvertShapeToString ConvertStringToInteger ConvertStringToReal FreeOnDevice
-MallocOnDevice MemoryCopy MemorySet NewModel NewModelFromMem NewSharedModels
-NewSharedModelsFromMem SetActiveDevice SetLogLevel SetObserver
-SplitStringToIntegers SplitStringToVector Trim global_tarn_log_level)";
+Inference InferenceAsync MallocOnDevice MemoryCopy MemorySet NewModel
+NewModelFromMem NewSharedModels NewSharedModelsFromMem SetActiveDevice
+SetLogLevel SetObserver SplitStringToIntegers SplitStringToVector Trim Version
+global_tarn_log_level)";
 
 // What `symbol` belongs to, or the symbol where that is not tarn's. The result
 // of a template comes before its name.

@@ -45,6 +45,22 @@ ModelOptions Changed(const std::string& changes) {
   return ModelOptions(file.path(), false);
 }
 
+std::vector<Finding> FindingsOf(const ModelOptions& options) {
+  std::vector<Finding> findings;
+  ModelInfo info(options, findings);
+  return findings;
+}
+
+std::string FirstFinding(const ModelOptions& options) {
+  const std::vector<Finding> findings = FindingsOf(options);
+  return findings.empty() ? "" : findings.front().found;
+}
+
+// Of a log line "function: message".
+std::string MessageOf(const std::string& line) {
+  return line.substr(line.find(": ") + 2);
+}
+
 TEST(ModelInfoTest, AnswersByIndexAndName) {
   const ModelInfo info(Changed(kTimeIsDynamic));
   EXPECT_EQ(info.GetInputNum() + info.GetOutputNum(), 4u);
@@ -175,6 +191,32 @@ TEST(ModelInfoDeathTest, RefusesInconsistentDescriptions) {
     const ModelOptions options = Changed(row[0]);
     ExpectFatalUnlessSilent([&] { ModelInfo info(options); },
                             "FATAL " + row[1]);
+    EXPECT_EQ(FirstFinding(options), MessageOf(row[1])) << row[0];
+  }
+}
+
+TEST(ModelInfoTest, FindsEveryFaultAndNothingThatFollowsFromOne) {
+  const auto rows = Rows(R"(
+ --inputs-shape=feats:[-1,x,40];aux:[-1] | shape-integers inputs-shape 15
+ --outputs-dtype=y-FLOAT16;probs:INT8 | key-value outputs-dtype 15
+ --caches-pair= --caches-format= --caches-shape= --caches-dtype= | nothing
+ --dynamic-dims=b:0-8 --batch-dim=x | range-bounds dynamic-dims 15;batch-unknown batch-dim 16
+ --inputs-dtype=aux:INT64 | entry-count inputs-format 2;entry-missing inputs-dtype 15
+ --dynamic-dims= | range-missing dynamic-dims 15
+ --inputs-format= --infer-thread --infer-interval=-1 | empty inputs-format 15;infer-interval infer-interval 17
+ --caches-shape=cache:[-1,41];cache_len:[7] --dynamic-dims=b:1-8;u:1-2 | dimension-size caches-shape 15;dimension-size caches-shape 15;streaming-fixed dynamic-dims 16)");
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row[0]);
+    const ModelOptions options = Changed(row[0]);
+    std::string places;
+    EXPECT_EQ(LogOf([&] {
+                for (const Finding& finding : FindingsOf(options)) {
+                  places += (places.empty() ? "" : ";") + finding.rule + " " +
+                            finding.option + " " + std::to_string(finding.line);
+                }
+              }),
+              "");
+    EXPECT_EQ(places.empty() ? "nothing" : places, row[1]);
   }
 }
 

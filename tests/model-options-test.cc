@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "support/log.h"
 #include "support/temp-file.h"
@@ -40,6 +41,40 @@ TEST(ModelOptionsTest, ReadsEveryKeyIntoItsFieldAndKeepsOtherDefaults) {
   EXPECT_EQ(Fields(ModelOptions(short_file.path(), false)),
             "||||||||||b||0|0|0|0|");
   EXPECT_EQ(Fields(ModelOptions()), "||||||||||||0|0|0|0|");
+}
+
+TEST(ModelOptionsTest, CollectsProblemsOfTheFileWithoutLoggingThem) {
+  const TempFile file(
+      "--batch-dim=a\n\nbatch-dim=b\n--=5\n--no-such=1\n"
+      "--infer-interval=x  # text\n--multi-threads=\n--infer-thread=perhaps\n"
+      "--inputs-shape\n--batch_dim=b\n");
+  std::vector<Finding> findings;
+  std::string output;
+  output = StderrOf([&] {
+    output += LogOf([&] { ModelOptions(file.path(), false, findings); });
+  });
+  EXPECT_EQ(output, "");
+  std::string found;
+  for (const Finding& finding : findings) {
+    found += std::to_string(finding.line) + " " + finding.option + " " +
+             finding.rule + " " + std::to_string(finding.severity) + "\n";
+    EXPECT_FALSE(finding.found.empty() || finding.hint.empty());
+  }
+  EXPECT_EQ(found,
+            "3  dashes 3\n"
+            "3  option 3\n"
+            "4  key 3\n"
+            "4  option 3\n"
+            "5  option 3\n"
+            "6 infer-interval number 3\n"
+            "7 multi-threads value-missing 3\n"
+            "8 infer-thread boolean 3\n"
+            "9 inputs-shape value-missing 3\n"
+            "10 batch-dim option-repeated 2\n");
+  findings.clear();
+  const ModelOptions none("no/such/file", false, findings);
+  ASSERT_EQ(findings.size(), 1u);
+  EXPECT_EQ(findings[0].found, "Cannot open config file: no/such/file");
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "base/base-proxy.h"
+#include "base/tarn-functions.h"
 #include "support/log.h"
 #include "support/table.h"
 
@@ -23,6 +24,7 @@ namespace tarn {
 namespace {
 
 using Proxies = std::vector<std::unique_ptr<BaseProxy>>;
+using testing::Contains;
 using testing::Each;
 
 ModelOptions OptionsOf(const std::string& name) {
@@ -267,8 +269,20 @@ ModelOptions Replaced(ModelOptions options, const std::string& from,
   return options;
 }
 
+// What CheckModel() finds to be FATAL.
+std::vector<std::string> Findings(const std::string& name,
+                                  const ModelOptions& options) {
+  std::vector<std::string> found;
+  for (const Finding& finding :
+       CheckModel(options, "onnx", "cpu", TARN_TEST_MODELS "/" + name + ".onnx",
+                  "", "")) {
+    if (finding.severity == FATAL) found.push_back(finding.found);
+  }
+  return found;
+}
+
 TEST(OnnxLoadDeathTest, RejectsModelsThatDoNotFitTheirDescription) {
-  const char* const file = "src/model/onnx-model.cc";
+  const char* const file = "src/model/onnx-model-check.cc";
   // A model, a replacement in its description, and the message; * is the words
   // that several begin with.
   for (auto& row : Rows(R"(
@@ -287,6 +301,7 @@ scalar | - | - | *input:x, shape=[], dtype=FLOAT32)")) {
     }
     const auto options = Replaced(OptionsOf(row[0]), row[1], row[2]);
     ExpectFatal([&] { Load(row[0], options); }, row[3], "CheckModel", file);
+    EXPECT_THAT(Findings(row[0], options), Contains(row[3]));
   }
   ExpectFatal([] { Load("string"); }, "unsupported data type of onnx: 8.",
               "OnnxDataTypeToTarn", file);

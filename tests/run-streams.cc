@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "tarn.h"
+#include "tarn/tarn.h"
 
 namespace {
 

@@ -36,7 +36,7 @@ Outcome RunCommand(const std::string& command) {
 }
 
 std::string VoiceActivity(const std::string& arguments) {
-  return TARN_VOICE_ACTIVITY " " + arguments;
+  return TARN_EMULATOR " " TARN_VOICE_ACTIVITY " " + arguments;
 }
 
 TEST(VoiceActivityTest, FindsTheSpeechInTheClips) {
@@ -121,6 +121,13 @@ class BatchSizes : public InferenceObserver {
   std::atomic<size_t> largest{0};
 };
 
+// How far apart the engine's results are in batches of different sizes.
+#ifdef __aarch64__
+constexpr float kRounding = 1e-6F;
+#else
+constexpr float kRounding = 0;
+#endif
+
 TEST(VoiceActivityTest, GivesEachOf64BatchedStreamsWhatItGetsAlone) {
   constexpr size_t kStreams = 64;
   constexpr size_t kSamples = 48000;
@@ -143,7 +150,10 @@ TEST(VoiceActivityTest, GivesEachOf64BatchedStreamsWhatItGetsAlone) {
   options.infer_interval = 0;  // One stream at a time has nobody to wait for.
   const std::unique_ptr<Model> alone = new_model();
   for (unsigned int i = 0; i < kStreams; ++i) {
-    EXPECT_EQ(together[i], Probabilities(*alone, Signal(i, kSamples))) << i;
+    EXPECT_THAT(together[i],
+                testing::Pointwise(testing::FloatNear(kRounding),
+                                   Probabilities(*alone, Signal(i, kSamples))))
+        << i;
     EXPECT_EQ(together[i].size(), kSamples / 160);
   }
 }

@@ -17,7 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "audio-file.h"
-#include "tarn.h"
+#include "tarn/tarn.h"
 
 namespace {
 

@@ -1,176 +1,288 @@
 #include "base/base-model-info.h"
 
+#include "base/base-model-texts.h"
 #include "utils/logging.h"
-#include "utils/text-utils.h"
 
 namespace tarn {
 
+// The texts of <group>-format, <group>-shape and <group>-dtype, parsed.
+struct ModelInfo::Texts {
+  Texts(const std::string& group, const std::string& format,
+        const std::string& shape, const std::string& dtype, bool may_be_empty,
+        const Reporter& reporter) {
+    const auto is_given = [may_be_empty](const std::string& text) {
+      return !may_be_empty || !text.empty();
+    };
+    if (is_given(format)) {
+      formats = ParseFormats(format, reporter.About(group + "-format"));
+    }
+    if (is_given(shape)) {
+      shapes = ParseShapes(shape, reporter.About(group + "-shape"));
+    }
+    if (is_given(dtype)) {
+      types = ParseDataTypes(dtype, reporter.About(group + "-dtype"));
+    }
+  }
+
+  // Whether each names as many entries as `counted`, as far as that is known.
+  template <typename Value>
+  bool AgreeWith(const Entries<Value>& counted) const {
+    if (formats.HasUnknownKeys() || shapes.HasUnknownKeys() ||
+        types.HasUnknownKeys() || counted.HasUnknownKeys()) {
+      return true;
+    }
+    const size_t count = counted.KeyNum();
+    return formats.KeyNum() == count && shapes.KeyNum() == count &&
+           types.KeyNum() == count;
+  }
+
+  Formats formats;
+  Shapes shapes;
+  DataTypes types;
+};
+
 ModelInfo::ModelInfo(const ModelOptions& options)
+    : ModelInfo(options, Reporter()) {}
+
+ModelInfo::ModelInfo(const ModelOptions& options,
+                     std::vector<Finding>& findings)
+    : ModelInfo(options, Reporter(&findings, &options.lines)) {}
+
+ModelInfo::ModelInfo(const ModelOptions& options, const Reporter& reporter)
     : batch_dim_(options.batch_dim),
       multi_threads_(options.multi_threads),
       infer_thread_(options.infer_thread),
       infer_interval_(options.infer_interval),
       num_execute_threads_(options.num_execute_threads) {
-  ReadInputOptions(options);
-  ReadOutputOptions(options);
-  ReadCacheOptions(options);
-  ReadDimensionOptions(options);
-  if (HasBatchDimension() && !multi_threads_) {
-    TARN_LOG(WARNING) << "expect --multi-threads=true if there is batch "
-                      << "dimension exists, correct it automaticly.";
-    multi_threads_ = true;
-  }
-  if (infer_thread_ && infer_interval_ < 0) {
-    TARN_LOG(FATAL) << "expect --infer-interval>=0 if there is independent "
-                    << "inference thread.";
-  }
-  if (GetCacheNum() > 0 && HasDynamicRows()) {
-    TARN_LOG(FATAL) << "except for the batch dimension, all other dimensions "
-                    << "should be fixed if the model is streaming.";
-  }
+  ReadInputOptions(options, reporter.As("ReadInputOptions"));
+  ReadOutputOptions(options, reporter.As("ReadOutputOptions"));
+  ReadCacheOptions(options, reporter.As("ReadCacheOptions"));
+  ReadDimensionOptions(options, reporter.As("ReadDimensionOptions"));
+  CheckScheduling(reporter.As("ModelInfo"));
 }
 
 ModelInfo::~ModelInfo() = default;
 
-void ModelInfo::ReadInputOptions(const ModelOptions& options) {
-  ReadTable(options.inputs_format, options.inputs_shape, options.inputs_dtype,
-            __func__, inputs_);
+void ModelInfo::CheckScheduling(const Reporter& reporter) {
+  if (HasBatchDimension() && !multi_threads_) {
+    reporter.About("multi-threads")
+            .Report(WARNING, {"multi-threads", "set --multi-threads=true"})
+        << "expect --multi-threads=true if there is batch "
+        << "dimension exists, correct it automaticly.";
+    multi_threads_ = true;
+  }
+  if (infer_thread_ && infer_interval_ < 0) {
+    reporter.About("infer-interval")
+            .Report(FATAL, {"infer-interval", "give it in microseconds"})
+        << "expect --infer-interval>=0 if there is independent "
+        << "inference thread.";
+  }
+  if (GetCacheNum() > 0 && HasDynamicRows()) {
+    reporter.About("dynamic-dims")
+            .Report(FATAL, {"streaming-fixed",
+                            "leave only the batch dimension in dynamic-dims, "
+                            "and fix the sizes of all others"})
+        << "except for the batch dimension, all other dimensions "
+        << "should be fixed if the model is streaming.";
+  }
 }
 
-void ModelInfo::ReadOutputOptions(const ModelOptions& options) {
-  ReadTable(options.outputs_format, options.outputs_shape,
-            options.outputs_dtype, __func__, outputs_);
+void ModelInfo::ReadInputOptions(const ModelOptions& options,
+                                 const Reporter& reporter) {
+  const Texts texts("inputs", options.inputs_format, options.inputs_shape,
+                    options.inputs_dtype, /*may_be_empty=*/false, reporter);
+  ReadTable(texts, reporter, inputs_);
 }
 
-void ModelInfo::ReadTable(const std::string& format, const std::string& shape,
-                          const std::string& type, const char* function,
+void ModelInfo::ReadOutputOptions(const ModelOptions& options,
+                                  const Reporter& reporter) {
+  const Texts texts("outputs", options.outputs_format, options.outputs_shape,
+                    options.outputs_dtype, /*may_be_empty=*/false, reporter);
+  ReadTable(texts, reporter, outputs_);
+}
+
+void ModelInfo::ReadTable(const Texts& texts, const Reporter& reporter,
                           Table& table) {
-  Texts texts;
-  GetFormat(format, texts.formats);
-  GetShape(shape, texts.shapes);
-  GetDataType(type, texts.types);
   const std::string nouns = std::string(table.noun) + "s";
-  if (!texts.HaveSizeOf(texts.formats.size())) {
-    TARN_LOG_AS(FATAL, function)
+  if (!texts.AgreeWith(texts.formats)) {
+    reporter.About(nouns + "-format")
+            .Report(FATAL,
+                    {"entry-count", "name the same " + nouns + " in all three"})
         << "the number of " << nouns << " are different in " << nouns
         << "-shape, " << nouns << "-format and " << nouns << "-dtype";
   }
-  for (const auto& named_format : texts.formats) {
-    AddEntry(named_format.first, texts, function, table);
+  for (const auto& named_format : texts.formats.values) {
+    AddEntry(named_format.first, texts, reporter, table);
   }
-  if (table.entries.empty()) {
-    TARN_LOG_AS(FATAL, function) << "there are no " << nouns << " exist.";
+  MarkUnusable(texts.formats.malformed);
+  if (table.entries.empty() && IsComplete()) {
+    reporter.About(nouns + "-format").Report(FATAL, {"empty", "name one"})
+        << "there are no " << nouns << " exist.";
   }
-  TARN_LOG_AS(INFO, function)
+  reporter.Report(INFO, {"", ""})
       << "reading options of " << nouns << " successfully.";
 }
 
-void ModelInfo::ReadCacheOptions(const ModelOptions& options) {
-  Texts texts;
-  std::map<std::string, std::string> pairs;
-  if (!options.caches_pair.empty()) GetPair(options.caches_pair, pairs);
-  if (!options.caches_format.empty()) {
-    GetFormat(options.caches_format, texts.formats);
+void ModelInfo::ReadCacheOptions(const ModelOptions& options,
+                                 const Reporter& reporter) {
+  Pairs pairs;
+  if (!options.caches_pair.empty()) {
+    pairs = ParsePairs(options.caches_pair, reporter.About("caches-pair"));
   }
-  if (!options.caches_shape.empty()) {
-    GetShape(options.caches_shape, texts.shapes);
+  const Texts texts("caches", options.caches_format, options.caches_shape,
+                    options.caches_dtype, /*may_be_empty=*/true, reporter);
+  if (!texts.AgreeWith(pairs)) {
+    reporter.About("caches-pair")
+            .Report(FATAL, {"entry-count",
+                            "name every cache's input side in all four"})
+        << "the number of caches are different in caches-pair, "
+        << "caches-format, caches-shape and caches-dtype";
   }
-  if (!options.caches_dtype.empty()) {
-    GetDataType(options.caches_dtype, texts.types);
+  for (const auto& pair : pairs.values) {
+    AddCache(pair.first, pair.second, texts, reporter);
   }
-  if (!texts.HaveSizeOf(pairs.size())) {
-    TARN_LOG(FATAL) << "the number of caches are different in caches-pair, "
-                    << "caches-format, caches-shape and caches-dtype";
-  }
-  for (const auto& pair : pairs) {
-    AddCache(pair.first, pair.second, texts, __func__);
-  }
-  TARN_LOG(INFO) << "reading options of caches successfully.";
+  MarkUnusable(pairs.malformed);
+  reporter.Report(INFO, {"", ""}) << "reading options of caches successfully.";
 }
 
 void ModelInfo::AddCache(const std::string& output, const std::string& input,
-                         const Texts& texts, const char* function) {
+                         const Texts& texts, const Reporter& reporter) {
+  const Reporter pair_reporter = reporter.About("caches-pair");
   if (HasInput(input)) {
-    TARN_LOG_AS(FATAL, function)
+    pair_reporter.Report(
+        FATAL, {"cache-is-input", "take " + input + " out of the inputs"})
         << "the input part of cache is one of model's inputs, "
         << "it's name should be different with other inputs";
-    return;  // Reached only when the log level silences fatal checks.
+    return;
   }
   if (HasOutput(output)) {
-    TARN_LOG_AS(FATAL, function)
+    pair_reporter.Report(
+        FATAL, {"cache-is-output", "take " + output + " out of the outputs"})
         << "the output part of cache is one of model's outputs, "
         << "it's name should be different with other outputs";
-    return;  // Reached only when the log level silences fatal checks.
+    return;
   }
-  if (!AddEntry(input, texts, function, caches_)) return;
+  if (!AddEntry(input, texts, reporter, caches_)) {
+    MarkUnusable({output});
+    return;
+  }
   cache_outputs_.push_back(output);
   cache_pairs_[output] = input;
 }
 
 // Adds what the texts say of `name`. Returns false, with nothing added, when
-// that is inconsistent and the log level silences fatal checks.
+// that is inconsistent.
 bool ModelInfo::AddEntry(const std::string& name, const Texts& texts,
-                         const char* function, Table& table) {
-  const auto report_missing = [&](const char* what) {
-    TARN_LOG_AS(FATAL, function)
+                         const Reporter& reporter, Table& table) {
+  const std::string group = std::string(table.noun) + "s-";
+  bool complete = true;
+  const auto check = [&](const auto& entries, const char* what,
+                         const char* option) {
+    if (entries.values.count(name) > 0) return;
+    complete = false;
+    if (!entries.Lacks(name)) return;
+    reporter.About(group + option)
+            .Report(FATAL,
+                    {"entry-missing", "add " + name + " to " + group + option})
         << "missing " << what << " of " << table.noun << ":" << name;
-    return false;
   };
-  const auto format = texts.formats.find(name);
-  if (format == texts.formats.end()) return report_missing("format");
-  const auto shape = texts.shapes.find(name);
-  if (shape == texts.shapes.end()) return report_missing("shape");
-  const auto type = texts.types.find(name);
-  if (type == texts.types.end()) return report_missing("data type");
-  if (format->second.size() != shape->second.size()) {
-    TARN_LOG_AS(FATAL, function) << "the format and shape of " << table.noun
-                                 << ":" << name << " are mismatched.";
+  check(texts.formats, "format", "format");
+  check(texts.shapes, "shape", "shape");
+  check(texts.types, "data type", "dtype");
+  if (complete && texts.formats.values.at(name).size() !=
+                      texts.shapes.values.at(name).size()) {
+    complete = false;
+    reporter.About(group + "shape")
+            .Report(FATAL, {"format-and-shape",
+                            "give as many sizes as the format has names"})
+        << "the format and shape of " << table.noun << ":" << name
+        << " are mismatched.";
+  }
+  if (!complete) {
+    MarkUnusable({name});
     return false;
   }
   table.indices[name] = table.Size();
-  table.entries.push_back({name, format->second, shape->second, type->second});
+  table.entries.push_back({name, texts.formats.values.at(name),
+                           texts.shapes.values.at(name),
+                           texts.types.values.at(name)});
   return true;
 }
 
-void ModelInfo::ReadDimensionOptions(const ModelOptions& options) {
-  if (!options.dynamic_dims.empty()) GetRange(options.dynamic_dims, ranges_);
-  ReadDimensions(inputs_, "different size found for dimension:", __func__);
-  ReadDimensions(outputs_, "different size found for dimension: ", __func__);
-  ReadDimensions(caches_, "different size found for dimension: ", __func__);
+void ModelInfo::MarkUnusable(const std::set<std::string>& names) {
+  unusable_.insert(names.begin(), names.end());
+}
+
+void ModelInfo::ReadDimensionOptions(const ModelOptions& options,
+                                     const Reporter& reporter) {
+  Ranges ranges;
+  if (!options.dynamic_dims.empty()) {
+    ranges = ParseRanges(options.dynamic_dims, reporter.About("dynamic-dims"));
+  }
+  ranges_ = ranges.values;
+  const char* difference = "different size found for dimension:";
+  for (const Table* table : {&inputs_, &outputs_, &caches_}) {
+    ReadDimensions(*table, difference, ranges, reporter);
+    difference = "different size found for dimension: ";
+  }
   has_batch_dimension_ = HasDimension(batch_dim_);
-  if (!batch_dim_.empty()) CheckBatchDimension(__func__);
-  TARN_LOG(INFO) << "reading options of dimensions successfully.";
+  if (!batch_dim_.empty()) CheckBatchDimension(reporter.About("batch-dim"));
+  reporter.Report(INFO, {"", ""})
+      << "reading options of dimensions successfully.";
 }
 
 void ModelInfo::ReadDimensions(const Table& table, const char* difference,
-                               const char* function) {
-  for (const Entry& entry : table.entries) {
+                               const Ranges& ranges, const Reporter& reporter) {
+  const std::string shape_option = std::string(table.noun) + "s-shape";
+  for (const TensorInfo& entry : table.entries) {
     for (size_t i = 0; i < entry.format.size(); ++i) {
       const std::string& name = entry.format[i];
       const int size = entry.shape[i];
-      if (dimensions_.emplace(name, size).first->second != size) {
-        TARN_LOG_AS(FATAL, function) << difference << name;
+      const auto dimension = dimensions_.emplace(name, size);
+      const int first_size = dimension.first->second;
+      if (first_size != size) {
+        reporter.About(shape_option)
+                .Report(FATAL, {"dimension-size",
+                                name + " is " + std::to_string(size) + " in " +
+                                    entry.name + " and was " +
+                                    std::to_string(first_size) +
+                                    " before: give one size, or another name"})
+            << difference << name;
       }
-      if (size == -1 && ranges_.count(name) == 0) {
-        TARN_LOG_AS(FATAL, function) << "missing range of dimension:" << name;
+      // Told once for each dimension.
+      const bool is_new = dimension.second || first_size != size;
+      if (size == -1 && is_new && ranges.Lacks(name)) {
+        reporter.About("dynamic-dims")
+                .Report(FATAL, {"range-missing",
+                                "add " + name + ":<min>-<max> to dynamic-dims"})
+            << "missing range of dimension:" << name;
       }
     }
   }
 }
 
-void ModelInfo::CheckBatchDimension(const char* function) const {
+void ModelInfo::CheckBatchDimension(const Reporter& reporter) const {
   if (!HasBatchDimension()) {
-    TARN_LOG_AS(FATAL, function)
+    if (!IsComplete()) return;
+    reporter.Report(FATAL,
+                    {"batch-unknown", "use a name that the formats have"})
         << "can't find batch dimension with name:" << batch_dim_;
+    return;
   }
   for (const Table* table : {&inputs_, &outputs_, &caches_}) {
-    for (const Entry& entry : table->entries) {
+    for (const TensorInfo& entry : table->entries) {
       if (entry.format[0] == batch_dim_) continue;
-      TARN_LOG_AS(FATAL, function)
+      reporter.Report(FATAL, {"batch-first",
+                              "the network must have its batch first; "
+                              "tarn-prepare can arrange that"})
           << "the first dimension must be " << batch_dim_ << ", but got "
           << entry.format[0] << " at " << table->noun << ":" << entry.name;
     }
   }
+}
+
+bool ModelInfo::IsUsable(const std::string& name) const {
+  return unusable_.count(name) == 0 && unusable_.count("") == 0;
 }
 
 unsigned int ModelInfo::GetInputNum() const { return inputs_.Size(); }
@@ -185,6 +297,21 @@ bool ModelInfo::HasInput(const std::string& name) const {
 
 bool ModelInfo::HasOutput(const std::string& name) const {
   return outputs_.indices.count(name) > 0;
+}
+
+const TensorInfo* ModelInfo::FindInput(const std::string& name) const {
+  return inputs_.Find(name);
+}
+
+const TensorInfo* ModelInfo::FindOutput(const std::string& name) const {
+  return outputs_.Find(name);
+}
+
+const TensorInfo* ModelInfo::FindCache(const std::string& name) const {
+  const TensorInfo* by_input_side = caches_.Find(name);
+  if (by_input_side != nullptr) return by_input_side;
+  const auto pair = cache_pairs_.find(name);
+  return pair == cache_pairs_.end() ? nullptr : caches_.Find(pair->second);
 }
 
 const std::string& ModelInfo::GetCacheName(unsigned int index,
@@ -372,13 +499,14 @@ bool ModelInfo::CheckCache(const std::string& name,
   return CheckEntry(caches_.At(GetCacheName(name), __func__), shape, data_type);
 }
 
-bool ModelInfo::CheckEntry(const Entry& entry, const std::vector<int>& shape,
+bool ModelInfo::CheckEntry(const TensorInfo& entry,
+                           const std::vector<int>& shape,
                            Tensor::DataType data_type) const {
   return data_type == entry.data_type &&
          CheckShape(shape, entry.shape, entry.format);
 }
 
-std::vector<int> ModelInfo::Bounded(const Entry& entry, bool max) const {
+std::vector<int> ModelInfo::Bounded(const TensorInfo& entry, bool max) const {
   std::vector<int> shape = entry.shape;
   for (size_t i = 0; i < shape.size(); ++i) {
     if (shape[i] != -1) continue;
@@ -392,8 +520,8 @@ unsigned int ModelInfo::Table::Size() const {
   return static_cast<unsigned int>(entries.size());
 }
 
-const ModelInfo::Entry& ModelInfo::Table::At(unsigned int index,
-                                             const char* function) const {
+const TensorInfo& ModelInfo::Table::At(unsigned int index,
+                                       const char* function) const {
   if (index >= Size()) {
     TARN_LOG_AS(FATAL, function)
         << "index is beyond the number of " << noun << "s.";
@@ -401,18 +529,18 @@ const ModelInfo::Entry& ModelInfo::Table::At(unsigned int index,
   return entries.at(index);
 }
 
-const ModelInfo::Entry& ModelInfo::Table::At(const std::string& name,
-                                             const char* function) const {
+const TensorInfo* ModelInfo::Table::Find(const std::string& name) const {
   const auto found = indices.find(name);
-  if (found != indices.end()) return entries[found->second];
+  return found == indices.end() ? nullptr : &entries[found->second];
+}
+
+const TensorInfo& ModelInfo::Table::At(const std::string& name,
+                                       const char* function) const {
+  const TensorInfo* found = Find(name);
+  if (found != nullptr) return *found;
   TARN_LOG_AS(FATAL, function) << name << " is't " << one_noun << " of model.";
   // Throws; reached only when the log level silences fatal checks.
   return entries[indices.at(name)];
-}
-
-bool ModelInfo::Texts::HaveSizeOf(size_t count) const {
-  return formats.size() == count && shapes.size() == count &&
-         types.size() == count;
 }
 
 }  // namespace tarn

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,8 +11,21 @@
 #include "base/base-model-options.h"
 #include "base/tarn-tensor.h"
 #include "utils/export.h"
+#include "utils/finding.h"
 
 namespace tarn {
+
+class Reporter;
+template <typename Value>
+struct Entries;
+
+// What a description says of one input, output or cache.
+struct TensorInfo {
+  std::string name;                 // As the network has it.
+  std::vector<std::string> format;  // The names of its dimensions.
+  std::vector<int> shape;           // Their sizes, -1 where dynamic.
+  Tensor::DataType data_type;       // Of its elements.
+};
 
 // The validated description of one model: names, shapes, formats and data types
 // of its inputs, outputs and caches, and the ranges of its dimensions.
@@ -28,16 +42,37 @@ namespace tarn {
 // query throws std::out_of_range.
 class TARN_EXPORT ModelInfo {
  public:
+  // Validates `options`.
   explicit ModelInfo(const ModelOptions& options);
+
+  // The same for a description that may be inconsistent: what is wrong with it
+  // is added to `findings`, and nothing is logged. Only a description without a
+  // FATAL finding may be given to a model.
+  ModelInfo(const ModelOptions& options, std::vector<Finding>& findings);
   virtual ~ModelInfo();
 
+  // How many inputs, outputs and caches there are.
   unsigned int GetInputNum() const;
   unsigned int GetOutputNum() const;
   unsigned int GetCacheNum() const;
 
+  // Whether the description tells everything about an input, output or cache of
+  // this name, should it name it at all. False only after FATAL findings.
+  bool IsUsable(const std::string& name) const;
+  // Whether it does so for every name.
+  bool IsComplete() const { return unusable_.empty(); }
+
+  // Whether there is such an input or output.
   bool HasInput(const std::string& name) const;
   bool HasOutput(const std::string& name) const;
 
+  // Everything about an input or output, or about the cache that has `name` on
+  // either side; null for a name that the model does not have.
+  const TensorInfo* FindInput(const std::string& name) const;
+  const TensorInfo* FindOutput(const std::string& name) const;
+  const TensorInfo* FindCache(const std::string& name) const;
+
+  // The name at an index.
   const std::string& GetInputName(unsigned int index) const;
   const std::string& GetOutputName(unsigned int index) const;
   // The name of a cache's output or input side.
@@ -45,6 +80,7 @@ class TARN_EXPORT ModelInfo {
   // The input-side name of the cache that has `name` on either side.
   const std::string& GetCacheName(const std::string& name) const;
 
+  // The sizes of all dimensions, -1 for a dynamic one.
   const std::vector<int>& GetInputShape(unsigned int index) const;
   const std::vector<int>& GetInputShape(const std::string& name) const;
   const std::vector<int>& GetOutputShape(unsigned int index) const;
@@ -61,6 +97,7 @@ class TARN_EXPORT ModelInfo {
   std::vector<int> GetCacheShape(unsigned int index, bool max) const;
   std::vector<int> GetCacheShape(const std::string& name, bool max) const;
 
+  // The names of all dimensions.
   const std::vector<std::string>& GetInputFormat(unsigned int index) const;
   const std::vector<std::string>& GetInputFormat(const std::string& name) const;
   const std::vector<std::string>& GetOutputFormat(unsigned int index) const;
@@ -69,6 +106,7 @@ class TARN_EXPORT ModelInfo {
   const std::vector<std::string>& GetCacheFormat(unsigned int index) const;
   const std::vector<std::string>& GetCacheFormat(const std::string& name) const;
 
+  // The type of the elements.
   Tensor::DataType GetInputDataType(unsigned int index) const;
   Tensor::DataType GetInputDataType(const std::string& name) const;
   Tensor::DataType GetOutputDataType(unsigned int index) const;
@@ -76,6 +114,7 @@ class TARN_EXPORT ModelInfo {
   Tensor::DataType GetCacheDataType(unsigned int index) const;
   Tensor::DataType GetCacheDataType(const std::string& name) const;
 
+  // Whether a format names such a dimension.
   bool HasDimension(const std::string& name) const;
   // The size written for the dimension, -1 for a dynamic one.
   int GetDimension(const std::string& name) const;
@@ -84,11 +123,13 @@ class TARN_EXPORT ModelInfo {
   const std::map<std::string, std::pair<int, int>>& GetDimensionRanges() const {
     return ranges_;
   }
+  // Whether requests are computed in batches.
   bool HasBatchDimension() const { return has_batch_dimension_; }
   // Whether a dimension other than the batch dimension is dynamic.
   bool HasDynamicRows() const;
   const std::string& batch_dim() const { return batch_dim_; }
 
+  // The options of these names.
   bool multi_threads() const { return multi_threads_; }
   bool infer_thread() const { return infer_thread_; }
   int32_t infer_interval() const { return infer_interval_; }
@@ -129,53 +170,45 @@ class TARN_EXPORT ModelInfo {
                        std::map<std::string, std::pair<int, int>>& ranges);
 
  private:
-  struct Entry {
-    std::string name;
-    std::vector<std::string> format;
-    std::vector<int> shape;
-    Tensor::DataType data_type;
-  };
-
   // All inputs, all outputs or all caches, in index order.
   struct Table {
     unsigned int Size() const;
+    const TensorInfo* Find(const std::string& name) const;
     // Report a bad index or name on behalf of `function`.
-    const Entry& At(unsigned int index, const char* function) const;
-    const Entry& At(const std::string& name, const char* function) const;
+    const TensorInfo& At(unsigned int index, const char* function) const;
+    const TensorInfo& At(const std::string& name, const char* function) const;
 
     const char* noun;      // What messages call an entry, ...
     const char* one_noun;  // ... and with its article.
-    std::vector<Entry> entries;
+    std::vector<TensorInfo> entries;
     std::map<std::string, unsigned int> indices;
   };
 
-  // The texts that describe a table, parsed.
-  struct Texts {
-    bool HaveSizeOf(size_t count) const;
+  struct Texts;
 
-    std::map<std::string, std::vector<std::string>> formats;
-    std::map<std::string, std::vector<int>> shapes;
-    std::map<std::string, Tensor::DataType> types;
-  };
+  ModelInfo(const ModelOptions& options, const Reporter& reporter);
 
-  void ReadInputOptions(const ModelOptions& options);
-  void ReadOutputOptions(const ModelOptions& options);
-  void ReadCacheOptions(const ModelOptions& options);
-  void ReadDimensionOptions(const ModelOptions& options);
+  void ReadInputOptions(const ModelOptions& options, const Reporter& reporter);
+  void ReadOutputOptions(const ModelOptions& options, const Reporter& reporter);
+  void ReadCacheOptions(const ModelOptions& options, const Reporter& reporter);
+  void ReadDimensionOptions(const ModelOptions& options,
+                            const Reporter& reporter);
+  void CheckScheduling(const Reporter& reporter);
 
-  void ReadTable(const std::string& format, const std::string& shape,
-                 const std::string& type, const char* function, Table& table);
+  void ReadTable(const Texts& texts, const Reporter& reporter, Table& table);
   void AddCache(const std::string& output, const std::string& input,
-                const Texts& texts, const char* function);
+                const Texts& texts, const Reporter& reporter);
   bool AddEntry(const std::string& name, const Texts& texts,
-                const char* function, Table& table);
+                const Reporter& reporter, Table& table);
   void ReadDimensions(const Table& table, const char* difference,
-                      const char* function);
-  void CheckBatchDimension(const char* function) const;
+                      const Entries<std::pair<int, int>>& ranges,
+                      const Reporter& reporter);
+  void MarkUnusable(const std::set<std::string>& names);
+  void CheckBatchDimension(const Reporter& reporter) const;
 
-  bool CheckEntry(const Entry& entry, const std::vector<int>& shape,
+  bool CheckEntry(const TensorInfo& entry, const std::vector<int>& shape,
                   Tensor::DataType data_type) const;
-  std::vector<int> Bounded(const Entry& entry, bool max) const;
+  std::vector<int> Bounded(const TensorInfo& entry, bool max) const;
 
   Table inputs_{"input", "an input", {}, {}};
   Table outputs_{"output", "an output", {}, {}};
@@ -184,6 +217,7 @@ class TARN_EXPORT ModelInfo {
   std::map<std::string, std::string> cache_pairs_;  // Output to input side.
   std::map<std::string, int> dimensions_;           // Sizes as written.
   std::map<std::string, std::pair<int, int>> ranges_;
+  std::set<std::string> unusable_;  // An empty name stands for unknown ones.
   std::string batch_dim_;
   bool has_batch_dimension_ = false;
   bool multi_threads_ = false;

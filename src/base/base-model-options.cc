@@ -1,10 +1,21 @@
 #include "base/base-model-options.h"
 
 #include "utils/parse-options.h"
+#include "utils/reporter.h"
 
 namespace tarn {
 
 ModelOptions::ModelOptions(std::string path, bool scrambled) {
+  ReadFile(path, scrambled, Reporter());
+}
+
+ModelOptions::ModelOptions(std::string path, bool scrambled,
+                           std::vector<Finding>& findings) {
+  ReadFile(path, scrambled, Reporter(&findings));
+}
+
+void ModelOptions::ReadFile(const std::string& path, bool scrambled,
+                            const Reporter& reporter) {
   ParseOptions options("options of model:\n");
   options.Register(
       "inputs-format", &inputs_format,
@@ -71,7 +82,8 @@ ModelOptions::ModelOptions(std::string path, bool scrambled) {
                    "the max number of threads used to execute operation. The "
                    "value of 0 means use the default number of threads in "
                    "backend.");
-  options.ReadConfigFile(path, scrambled);
+  options.ReadConfigFile(path, scrambled, reporter);
+  lines = options.lines();
 }
 
 }  // namespace tarn

@@ -2,11 +2,16 @@
 #define TARN_BASE_BASE_MODEL_OPTIONS_H_
 
 #include <cstdint>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "utils/export.h"
+#include "utils/finding.h"
 
 namespace tarn {
+
+class Reporter;
 
 // The description of one model as written in its configuration file. A plain
 // record that checks nothing; ModelInfo does.
@@ -17,6 +22,10 @@ struct TARN_EXPORT ModelOptions {
   // logged as an ERROR and the field concerned keeps its default.
   ModelOptions(std::string path, bool scrambled);
 
+  // The same without a word in the log: problems are added to `findings`.
+  ModelOptions(std::string path, bool scrambled,
+               std::vector<Finding>& findings);
+
   // One entry per input, such as feats:[-1,20,40];lens:[-1]. The shape gives
   // each dimension's size, -1 for a dynamic one; the format gives each its
   // name, the data type is that of the elements.
@@ -24,6 +33,7 @@ struct TARN_EXPORT ModelOptions {
   std::string inputs_format;
   std::string inputs_dtype;
 
+  // The same for every output.
   std::string outputs_shape;
   std::string outputs_format;
   std::string outputs_dtype;
@@ -48,6 +58,13 @@ struct TARN_EXPORT ModelOptions {
   int32_t infer_interval = 0;
   // Threads the engine uses inside one inference; 0 is the engine's default.
   int32_t num_execute_threads = 0;
+
+  // The line of the file that gave each option, by option name; for findings.
+  std::map<std::string, int32_t> lines;
+
+ private:
+  void ReadFile(const std::string& path, bool scrambled,
+                const Reporter& reporter);
 };
 
 }  // namespace tarn

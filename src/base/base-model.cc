@@ -1,5 +1,7 @@
 #include "base/base-model.h"
 
+#include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "base/base-proxy.h"
@@ -9,6 +11,13 @@
 namespace tarn {
 
 namespace {
+
+unsigned int BatchSizeOf(const ModelInfo& info) {
+  if (!info.HasBatchDimension()) return 1;
+  const int size = info.GetDimension(info.batch_dim());
+  return static_cast<unsigned int>(
+      size == -1 ? info.GetDimensionRange(info.batch_dim()).second : size);
+}
 
 // How long an idle model without batches sleeps at a time, in microseconds.
 constexpr unsigned int kIdleInterval = 1000000;
@@ -38,6 +47,7 @@ BaseModel::BaseModel(std::shared_ptr<ModelInfo> info, const Device& device,
   if (info_->multi_threads() && !info_->infer_thread()) {
     compute_mutex_ = std::make_shared<std::mutex>();
   }
+  batch_size_ = BatchSizeOf(*info_);
 }
 
 BaseModel::~BaseModel() = default;
@@ -61,28 +71,39 @@ void BaseModel::Inference(BaseProxy* proxy) {
 // The proxy belongs to the inference thread from Push() until that thread
 // notifies it, which ends Wait().
 void BaseModel::HandToInferThread(BaseProxy* proxy) {
-  Observe(InferenceObserver::QUEUED, proxy);
-  queue_->Push(proxy, info_->HasBatchDimension() ? BatchSize() : 1);
+  CheckMayWait("Inference");
+  Submit(proxy);
   proxy->Wait();
+}
+
+void BaseModel::Submit(BaseProxy* proxy) {
+  Observe(InferenceObserver::QUEUED, proxy);
+  queue_->Push(proxy, BatchSize());
+}
+
+void BaseModel::CheckMayWait(const char* function) const {
+  if (std::this_thread::get_id() != thread_.get_id()) return;
+  TARN_LOG_AS(FATAL, function)
+      << "the inference thread can't wait for an inference.";
 }
 
 // The caller that completes a batch computes it for all of its members; the
 // others wait. No lock is held while a caller waits. A proxy belongs to
-// whichever caller popped it until that caller notifies it.
+// whichever caller popped it until that caller completes it.
 void BaseModel::ComputeWithOtherCallers(BaseProxy* proxy) {
   Observe(InferenceObserver::QUEUED, proxy);
   queue_->Push(proxy, kWakeNobody);
   const std::vector<BaseProxy*> batch = queue_->Pop(BatchSize());
   if (!batch.empty()) {
     const std::lock_guard<std::mutex> lock(*compute_mutex_);
-    ComputeObserved(batch);
+    ComputeForCallers(batch);
   }
   bool computed = false;
   for (BaseProxy* member : batch) {
     if (member == proxy) {
       computed = true;
     } else {
-      member->Notify();
+      member->Complete();
     }
   }
   // Less than a batch was waiting, or more: another caller computes it.
@@ -96,6 +117,51 @@ void BaseModel::ComputeHere(BaseProxy* proxy) {
   }
   const std::lock_guard<std::mutex> lock(*compute_mutex_);
   ComputeObserved(proxy);
+}
+
+void BaseModel::InferAll(const std::vector<BaseProxy*>& proxies) {
+  if (queue_ == nullptr) {
+    for (BaseProxy* proxy : proxies) ComputeHere(proxy);
+    return;
+  }
+  if (HasInferThread()) CheckMayWait("Inference");
+  Observe(InferenceObserver::QUEUED, proxies);
+  const size_t count =
+      queue_->Push(proxies, HasInferThread() ? BatchSize() : kWakeNobody);
+  if (!HasInferThread()) ComputeQueued(count);
+  // The last one is computed last: this thread sleeps once, not for each.
+  for (auto proxy = proxies.rbegin(); proxy != proxies.rend(); ++proxy) {
+    (*proxy)->Wait();
+  }
+}
+
+// Computes up to `count` waiting requests in this thread, in batches of which
+// the last may be a partial one.
+void BaseModel::ComputeQueued(size_t count) {
+  while (count > 0) {
+    const std::vector<BaseProxy*> batch = queue_->Pop(BatchSize(), 0);
+    if (batch.empty()) return;  // Other callers have taken the rest.
+    count -= std::min(count, batch.size());
+    {
+      const std::lock_guard<std::mutex> lock(*compute_mutex_);
+      ComputeForCallers(batch);
+    }
+    for (BaseProxy* proxy : batch) proxy->Complete();
+  }
+}
+
+// Computes a batch whose callers wait: they must hear of it in any case.
+void BaseModel::ComputeForCallers(const std::vector<BaseProxy*>& batch) {
+  try {
+    if (info_->HasBatchDimension()) {
+      ComputeObserved(batch);
+    } else {
+      ComputeObserved(batch.front());
+    }
+  } catch (const std::exception& exception) {
+    TARN_LOG_AS(ERROR, "Compute") << "inference failed: " << exception.what();
+    for (BaseProxy* proxy : batch) proxy->DropOutputs();
+  }
 }
 
 // Computes one request or a batch of them.
@@ -118,13 +184,6 @@ void BaseModel::Observe(InferenceObserver::Event event,
   if (observer != nullptr) observer->OnEvent(event, {proxy});
 }
 
-unsigned int BaseModel::BatchSize() const {
-  const std::string& batch_dim = info_->batch_dim();
-  const int size = info_->GetDimension(batch_dim);
-  return static_cast<unsigned int>(
-      size == -1 ? info_->GetDimensionRange(batch_dim).second : size);
-}
-
 void BaseModel::StartInferThread() {
   if (info_ == nullptr || !info_->infer_thread()) return;
   running_ = true;
@@ -141,16 +200,11 @@ void BaseModel::StopInferThread() {
 void* BaseModel::ThreadFunction(BaseModel* model) {
   SetActiveDevice(model->device_);
   const ModelInfo& info = *model->info_;
-  const bool has_batch_dimension = info.HasBatchDimension();
-  const unsigned int batch_size = has_batch_dimension ? model->BatchSize() : 1;
-  const auto interval = static_cast<unsigned int>(info.infer_interval());
-  while (!model->IsStopped()) {
-    if (has_batch_dimension) {
-      model->ServeBatch(batch_size, interval);
-    } else {
-      model->ServeOne();
-    }
-  }
+  const unsigned int batch_size = model->BatchSize();
+  const auto interval = info.HasBatchDimension()
+                            ? static_cast<unsigned int>(info.infer_interval())
+                            : kIdleInterval;
+  while (!model->IsStopped()) model->Serve(batch_size, interval);
   return nullptr;
 }
 
@@ -159,21 +213,12 @@ bool BaseModel::IsStopped() const {
   return !running_.load(std::memory_order_relaxed) && queue_->Empty();
 }
 
-void BaseModel::ServeBatch(unsigned int batch_size, unsigned int interval) {
+void BaseModel::Serve(unsigned int batch_size, unsigned int interval) {
   const std::vector<BaseProxy*> batch =
       queue_->Pop(batch_size, interval, running_);
-  if (!batch.empty()) ComputeObserved(batch);
-  // A notified proxy is its caller's again and may be gone at once.
-  for (BaseProxy* proxy : batch) proxy->Notify();
-}
-
-void BaseModel::ServeOne() {
-  const std::vector<BaseProxy*> popped =
-      queue_->Pop(1, kIdleInterval, running_);
-  for (BaseProxy* proxy : popped) {
-    ComputeObserved(proxy);
-    proxy->Notify();
-  }
+  if (!batch.empty()) ComputeForCallers(batch);
+  // A completed proxy is its caller's again and may be gone at once.
+  for (BaseProxy* proxy : batch) proxy->Complete();
 }
 
 }  // namespace tarn

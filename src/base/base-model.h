@@ -2,6 +2,7 @@
 #define TARN_BASE_BASE_MODEL_H_
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,7 @@ class Proxy;
 // interface: append, never reorder.
 class TARN_EXPORT Model {
  public:
+  // The engines, by the values that hosts know them by.
   enum BackEnd : int32_t {
     ONNX = 2,
     MACE = 3,
@@ -39,6 +41,7 @@ class TARN_EXPORT Model {
   // A new request stream; the caller owns it and deletes it before the model.
   virtual Proxy* NewProxy() = 0;
 
+  // The engine that computes.
   virtual BackEnd GetBackEnd() const = 0;
 
   // Whether the engine has loaded the network.
@@ -79,6 +82,17 @@ class TARN_EXPORT BaseModel : public Model {
   // Computes several requests as one batch, at most the batch size.
   virtual void Compute(const std::vector<BaseProxy*>& proxies) = 0;
 
+  // Computes the requests of several proxies of this model, which have been
+  // begun, and returns when all are: through the queue where there is one.
+  void InferAll(const std::vector<BaseProxy*>& proxies);
+
+  // Queues a request that has been begun and returns at once. Needs an
+  // inference thread, which completes it.
+  void Submit(BaseProxy* proxy);
+
+  // Whether a thread of the model's own computes the requests.
+  bool HasInferThread() const { return info_->infer_thread(); }
+
   // See SetObserver().
   void SetObserver(InferenceObserver* observer) { observer_ = observer; }
 
@@ -99,11 +113,11 @@ class TARN_EXPORT BaseModel : public Model {
                const std::vector<BaseProxy*>& proxies) const;
   void Observe(InferenceObserver::Event event, BaseProxy* proxy) const;
 
-  // The most requests that one batch holds. Needs a batch dimension.
-  unsigned int BatchSize() const;
+  // The most requests that one batch holds; 1 without a batch dimension.
+  unsigned int BatchSize() const { return batch_size_; }
 
-  std::shared_ptr<ModelInfo> info_;
-  Device device_;
+  std::shared_ptr<ModelInfo> info_;  // The description.
+  Device device_;                    // Where the engine runs.
   // Waiting requests; empty when each is computed in its caller's thread.
   std::shared_ptr<Queue<BaseProxy*>> queue_;
   // Held around a Compute() in a caller's thread, where several may call.
@@ -111,15 +125,18 @@ class TARN_EXPORT BaseModel : public Model {
   std::thread thread_;
   std::atomic<bool> running_{false};
   std::atomic<InferenceObserver*> observer_{nullptr};  // Not owned.
+  unsigned int batch_size_ = 1;
 
  private:
   template <typename Requests>
   void ComputeObserved(const Requests& requests);
+  void ComputeForCallers(const std::vector<BaseProxy*>& batch);
   void HandToInferThread(BaseProxy* proxy);
   void ComputeWithOtherCallers(BaseProxy* proxy);
   void ComputeHere(BaseProxy* proxy);
-  void ServeBatch(unsigned int batch_size, unsigned int interval);
-  void ServeOne();
+  void ComputeQueued(size_t count);
+  void CheckMayWait(const char* function) const;
+  void Serve(unsigned int batch_size, unsigned int interval);
   bool IsStopped() const;
 };
 

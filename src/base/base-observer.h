@@ -19,6 +19,7 @@ class BaseProxy;
 // and must not call the proxies or the model.
 class TARN_EXPORT InferenceObserver {
  public:
+  // How far a request has come.
   enum Event : int32_t {
     QUEUED = 0,     // About to enter the queue, where there is one.
     TAKEN = 1,      // To be computed now; `proxies` are the whole batch.

@@ -1,6 +1,9 @@
 #include "base/base-proxy.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+#include <utility>
 
 #include "utils/text-utils.h"
 
@@ -8,15 +11,14 @@ namespace tarn {
 
 namespace {
 
-// Looks `key` up on behalf of `function`, which calls it `shown`.
-const Tensor& Find(const std::map<std::string, Tensor>& tensors,
-                   const std::string& key, const std::string& shown,
-                   const char* noun, const char* function) {
-  const auto found = tensors.find(key);
-  if (found != tensors.end()) return found->second;
-  TARN_LOG_AS(FATAL, function) << "missing " << noun << ":" << shown << ".";
-  // Throws; reached only when the log level silences fatal checks.
-  return tensors.at(key);
+// Whether `shape` has no more elements than that; a tensor's own count wraps.
+bool HasAtMost(unsigned int limit, const std::vector<int>& shape) {
+  uint64_t count = 1;
+  for (int size : shape) {
+    count *= static_cast<uint64_t>(size);
+    if (count > limit) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -183,11 +185,11 @@ bool BaseProxy::HasInput(const std::string& name) {
 }
 
 bool BaseProxy::HasOutput(const std::string& name) {
-  return outputs_.count(name) > 0;
+  return outputs_.Find(name) != nullptr;
 }
 
 bool BaseProxy::HasCache(const std::string& name) {
-  return caches_.count(info_->GetCacheName(name)) > 0;
+  return caches_.Find(info_->GetCacheName(name)) != nullptr;
 }
 
 void BaseProxy::FixDimension(const std::string& name, int value) {
@@ -204,27 +206,62 @@ void BaseProxy::FixDimension(const std::string& name, int value) {
   fixed_dims_[name] = value;
 }
 
+// A tensor that does not fit is stored all the same where fatal checks are
+// silenced.
+
 void BaseProxy::SetInput(const std::string& name, const Tensor& tensor) {
-  Store({__func__, "set input:", ""}, name, tensor, GetInputDataType(name),
-        GetInputShape(name), inputs_);
+  const TensorInfo* info = info_->FindInput(name);
+  if (info == nullptr || !Fits(tensor, *info)) {
+    ReportMisfit({__func__, "set input:", ""}, name, tensor,
+                 GetInputDataType(name), GetInputShape(name));
+  }
+  inputs_.Set(name, tensor);
 }
 
 void BaseProxy::SetOutput(const std::string& name, const Tensor& tensor) {
-  Store({__func__, "set output:", ""}, name, tensor, GetOutputDataType(name),
-        GetOutputShape(name), outputs_);
+  const TensorInfo* info = info_->FindOutput(name);
+  if (info == nullptr || !Fits(tensor, *info)) {
+    ReportMisfit({__func__, "set output:", ""}, name, tensor,
+                 GetOutputDataType(name), GetOutputShape(name));
+  }
+  outputs_.Set(name, tensor);
 }
 
 void BaseProxy::SetCache(const std::string& name, const Tensor& tensor) {
   const std::string& key = info_->GetCacheName(name);
-  Store({__func__, "set cache:", ""}, key, tensor, GetCacheDataType(key),
-        GetCacheShape(key), caches_);
+  const TensorInfo* info = info_->FindCache(key);
+  if (info == nullptr || !Fits(tensor, *info)) {
+    ReportMisfit({__func__, "set cache:", ""}, key, tensor,
+                 GetCacheDataType(key), GetCacheShape(key));
+  }
+  caches_.Set(key, tensor);
 }
 
-// A mismatched tensor is stored all the same where fatal checks are silenced.
-void BaseProxy::Store(const Words& words, const std::string& name,
-                      const Tensor& tensor, Tensor::DataType expected_type,
-                      const std::vector<int>& expected_shape,
-                      Tensors& tensors) {
+// Whether a tensor has the type and this stream's shape of what `info` tells
+// of. Also false where the shape needs a dimension that is not fixed.
+bool BaseProxy::Fits(const Tensor& tensor, const TensorInfo& info) const {
+  const std::vector<int>& shape = tensor.GetShape();
+  const size_t first = info_->HasBatchDimension() ? 1 : 0;
+  if (tensor.GetDataType() != info.data_type ||
+      shape.size() + first != info.shape.size()) {
+    return false;
+  }
+  for (size_t i = 0; i < shape.size(); ++i) {
+    int expected = info.shape[i + first];
+    if (expected == -1) {
+      const auto fixed = fixed_dims_.find(info.format[i + first]);
+      if (fixed == fixed_dims_.end()) return false;
+      expected = fixed->second;
+    }
+    if (shape[i] != expected) return false;
+  }
+  return true;
+}
+
+void BaseProxy::ReportMisfit(const Words& words, const std::string& name,
+                             const Tensor& tensor,
+                             Tensor::DataType expected_type,
+                             const std::vector<int>& expected_shape) {
   if (tensor.GetShape() != expected_shape) {
     TARN_LOG_AS(FATAL, words.function)
         << words.action << name << " with wrong shape. Expect "
@@ -237,19 +274,29 @@ void BaseProxy::Store(const Words& words, const std::string& name,
         << ConvertDataTypeToString(expected_type) << ", but got "
         << ConvertDataTypeToString(tensor.GetDataType());
   }
-  tensors[name] = tensor;
 }
 
 const Tensor& BaseProxy::GetInput(const std::string& name) const {
-  return Find(inputs_, name, name, "input", __func__);
+  return Get(inputs_, name, name, "input", __func__);
 }
 
 const Tensor& BaseProxy::GetOutput(const std::string& name) const {
-  return Find(outputs_, name, name, "output", __func__);
+  return Get(outputs_, name, name, "output", __func__);
 }
 
 const Tensor& BaseProxy::GetCache(const std::string& name) const {
-  return Find(caches_, info_->GetCacheName(name), name, "cache", __func__);
+  return Get(caches_, info_->GetCacheName(name), name, "cache", __func__);
+}
+
+// Looks `key` up on behalf of `function`, which calls it `shown`.
+const Tensor& BaseProxy::Get(const Tensors& tensors, const std::string& key,
+                             const std::string& shown, const char* noun,
+                             const char* function) {
+  const Tensor* found = tensors.Find(key);
+  if (found != nullptr) return *found;
+  TARN_LOG_AS(FATAL, function) << "missing " << noun << ":" << shown << ".";
+  // Reached only when the log level silences fatal checks.
+  throw std::out_of_range("map::at:  key not found");
 }
 
 // Every operation has wording of its own, which users' logs depend on.
@@ -257,28 +304,52 @@ const Tensor& BaseProxy::GetCache(const std::string& name) const {
 Tensor BaseProxy::CreateInput(const std::string& name,
                               const std::vector<int>& shape) {
   return Create({__func__, "create input: ", "smaller than "}, name, shape,
-                input_buffers_, [&] {
+                BufferOf(name, input_buffers_, [&] {
                   return Largest(info_->GetInputShape(name, true),
                                  info_->GetInputDataType(name));
-                });
+                }));
 }
 
 Tensor BaseProxy::CreateOutput(const std::string& name,
                                const std::vector<int>& shape) {
   return Create({__func__, "create output: ", "small than "}, name, shape,
-                output_buffers_, [&] {
-                  return Largest(info_->GetOutputShape(name, true),
-                                 info_->GetOutputDataType(name));
-                });
+                OutputBuffer(name));
 }
 
 Tensor BaseProxy::CreateCache(const std::string& name,
                               const std::vector<int>& shape) {
   return Create({__func__, "create output: ", "smaler than "}, name, shape,
-                cache_buffers_, [&] {
-                  return Largest(info_->GetCacheShape(name, true),
-                                 info_->GetCacheDataType(name));
-                });
+                CacheBuffer(name));
+}
+
+const Tensor& BaseProxy::OutputBuffer(const std::string& name) {
+  return BufferOf(name, output_buffers_, [&] {
+    return Largest(info_->GetOutputShape(name, true),
+                   info_->GetOutputDataType(name));
+  });
+}
+
+const Tensor& BaseProxy::CacheBuffer(const std::string& name) {
+  return BufferOf(name, cache_buffers_, [&] {
+    return Largest(info_->GetCacheShape(name, true),
+                   info_->GetCacheDataType(name));
+  });
+}
+
+const Tensor& BaseProxy::OutputToFill(const std::string& name, Tensor& view) {
+  const TensorInfo* info = info_->FindOutput(name);
+  const Tensor& buffer = OutputBuffer(name);
+  if (info != nullptr && Fits(buffer, *info)) return buffer;
+  view = CreateOutput(name, GetOutputShape(name));
+  return view;
+}
+
+const Tensor& BaseProxy::CacheToFill(const std::string& name, Tensor& view) {
+  const TensorInfo* info = info_->FindCache(name);
+  const Tensor& buffer = CacheBuffer(name);
+  if (info != nullptr && Fits(buffer, *info)) return buffer;
+  view = CreateCache(name, GetCacheShape(name));
+  return view;
 }
 
 Tensor BaseProxy::Largest(const std::vector<int>& described,
@@ -286,18 +357,20 @@ Tensor BaseProxy::Largest(const std::vector<int>& described,
   return Tensor(WithoutBatch(described), data_type, Tensor::HOST);
 }
 
+// The block of that name, which is made when there is none.
+template <typename MakeBuffer>
+const Tensor& BaseProxy::BufferOf(const std::string& name, Buffers& buffers,
+                                  MakeBuffer make_buffer) {
+  const auto found = buffers.find(name);
+  if (found != buffers.end()) return found->second;
+  return buffers.emplace(name, make_buffer()).first->second;
+}
+
 // Gives the buffer's memory in another shape. The limit's order is that of
 // vectors, not element by element: it lets shapes through that hold more than
 // the buffer does. They get a block of their own.
-template <typename MakeBuffer>
 Tensor BaseProxy::Create(const Words& words, const std::string& name,
-                         const std::vector<int>& shape, Tensors& buffers,
-                         MakeBuffer make_buffer) {
-  auto found = buffers.find(name);
-  if (found == buffers.end()) {
-    found = buffers.emplace(name, make_buffer()).first;
-  }
-  const Tensor& buffer = found->second;
+                         const std::vector<int>& shape, const Tensor& buffer) {
   const std::vector<int>& limit = buffer.GetShape();
   if (shape.size() != limit.size() || limit < shape) {
     TARN_LOG_AS(FATAL, words.function)
@@ -305,35 +378,71 @@ Tensor BaseProxy::Create(const Words& words, const std::string& name,
         << " with shape=" << ConvertShapeToString(shape) << ", it should be "
         << words.comparison << ConvertShapeToString(limit);
   }
-  if (buffer.GetElementNum(shape) > buffer.GetElementNum()) {
+  if (!HasAtMost(buffer.GetElementNum(), shape)) {
     return Tensor(shape, buffer.GetDataType(), Tensor::HOST);
   }
   return Tensor(buffer.Data(), shape, buffer.GetDataType(), Tensor::HOST);
 }
 
 void BaseProxy::Reset() {
-  inputs_.clear();
-  outputs_.clear();
-  caches_.clear();
+  inputs_.Clear();
+  outputs_.Clear();
+  caches_.Clear();
   fixed_dims_.clear();
   TARN_LOG(INFO) << "proxy:" << static_cast<const void*>(this)
                  << " has been reset.";
 }
 
 bool BaseProxy::Inference() {
+  try {
+    BeginRequest();
+    model_->Inference(this);
+  } catch (...) {
+    CancelRequest();
+    throw;
+  }
+  return EndRequest();
+}
+
+// Messages are those of Inference(), whichever way the request is run.
+void BaseProxy::BeginRequest() {
+  if (in_flight_.exchange(true)) {
+    TARN_LOG_AS(FATAL, "Inference")
+        << "proxy is in flight already, or given twice.";
+  }
   for (unsigned int i = 0; i < GetInputNum(); ++i) {
     const std::string& name = GetInputName(i);
-    if (inputs_.count(name) == 0) {
-      TARN_LOG(FATAL) << "missing input:" << name << " when inference";
+    if (inputs_.Find(name) == nullptr) {
+      TARN_LOG_AS(FATAL, "Inference")
+          << "missing input:" << name << " when inference";
     }
   }
-  if (caches_.empty()) ZeroCaches();
-  outputs_.clear();
-  model_->Inference(this);
-  inputs_.clear();
-  TARN_LOG(INFO) << "proxy:" << static_cast<const void*>(this)
-                 << " inference finished.";
-  return !outputs_.empty();
+  if (caches_.Empty()) ZeroCaches();
+  outputs_.Clear();
+}
+
+bool BaseProxy::EndRequest() {
+  inputs_.Clear();
+  TARN_LOG_AS(INFO, "Inference")
+      << "proxy:" << static_cast<const void*>(this) << " inference finished.";
+  const bool has_outputs = !outputs_.Empty();
+  in_flight_ = false;
+  return has_outputs;
+}
+
+void BaseProxy::SetDone(std::function<void(Proxy*, bool)> done) {
+  done_ = std::move(done);
+}
+
+void BaseProxy::Complete() {
+  if (!done_) {
+    Notify();
+    return;
+  }
+  // Free for the next request before it is called, which may submit that.
+  const std::function<void(Proxy*, bool)> done = std::move(done_);
+  done_ = nullptr;
+  done(this, EndRequest());
 }
 
 void BaseProxy::ZeroCaches() {
@@ -341,8 +450,31 @@ void BaseProxy::ZeroCaches() {
     const std::string& name = GetCacheName(i);
     Tensor cache = CreateCache(name, GetCacheShape(i));
     cache.Zeros();
-    caches_[name] = cache;
+    caches_.Set(name, cache);
   }
+}
+
+const Tensor* BaseProxy::Tensors::Find(const std::string& name) const {
+  const auto found = places_.find(name);
+  if (found == places_.end() || !found->second.is_held) return nullptr;
+  return &found->second.tensor;
+}
+
+void BaseProxy::Tensors::Set(const std::string& name, const Tensor& tensor) {
+  Place& place = places_[name];
+  place.tensor = tensor;
+  if (!place.is_held) ++held_num_;
+  place.is_held = true;
+}
+
+void BaseProxy::Tensors::Clear() {
+  // Copied, not moved: the shape's memory stays for the next tensor.
+  static const Tensor kNone;
+  for (auto& named_place : places_) {
+    named_place.second.tensor = kNone;
+    named_place.second.is_held = false;
+  }
+  held_num_ = 0;
 }
 
 }  // namespace tarn

@@ -1,6 +1,9 @@
 #ifndef TARN_BASE_BASE_PROXY_H_
 #define TARN_BASE_BASE_PROXY_H_
 
+#include <atomic>
+#include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -93,6 +96,7 @@ class TARN_EXPORT Proxy {
 // it, and gives backends access to tensors and state.
 class TARN_EXPORT BaseProxy : public Proxy {
  public:
+  // A stream of `model`, whose description is `info`; both must outlive it.
   BaseProxy(BaseModel* model, ModelInfo* info);
   BaseProxy(const BaseProxy&) = delete;
   BaseProxy& operator=(const BaseProxy&) = delete;
@@ -157,13 +161,59 @@ class TARN_EXPORT BaseProxy : public Proxy {
   Tensor CreateOutput(const std::string& name, const std::vector<int>& shape);
   Tensor CreateCache(const std::string& name, const std::vector<int>& shape);
 
+  // The two ends of a request, for what runs requests: the checks and steps
+  // before the model has it, and those after. A proxy has one at a time: FATAL
+  // for a second one, and for a missing input. EndRequest() returns whether
+  // there are outputs.
+  void BeginRequest();
+  bool EndRequest();
+  // Instead of EndRequest() for a request that was not computed; the inputs
+  // stay.
+  void CancelRequest() { in_flight_ = false; }
+
+  // Tells whoever waits for the request that it has been computed: calls what
+  // SetDone() has set, once and in this thread, or else notifies the caller.
+  // The proxy may be gone when this returns.
+  void Complete();
+  void SetDone(std::function<void(Proxy*, bool)> done);
+
+  // After a failed computation of which some outputs are there.
+  void DropOutputs() { outputs_.Clear(); }
+
+  // The model whose stream this is.
+  BaseModel* model() const { return model_; }
+
+  // As CreateOutput() and CreateCache() for the stream's own shape, but without
+  // making a tensor where the proxy has one of that shape; `view` is the place
+  // for one where it has not.
+  const Tensor& OutputToFill(const std::string& name, Tensor& view);
+  const Tensor& CacheToFill(const std::string& name, Tensor& view);
+
   // Replaces each -1 of `shape` by the size to which the dimension named at its
   // place in `format` has been fixed.
   void FixShape(const std::vector<std::string>& format,
                 std::vector<int>& shape) const;
 
  private:
-  using Tensors = std::map<std::string, Tensor>;
+  using Buffers = std::map<std::string, Tensor>;
+
+  // Tensors by name. One that is dropped leaves its place to the next of that
+  // name, so that the requests of a stream allocate nothing here.
+  class Tensors {
+   public:
+    bool Empty() const { return held_num_ == 0; }
+    const Tensor* Find(const std::string& name) const;  // Null for none.
+    void Set(const std::string& name, const Tensor& tensor);
+    void Clear();
+
+   private:
+    struct Place {
+      Tensor tensor;
+      bool is_held = false;
+    };
+    std::map<std::string, Place> places_;
+    size_t held_num_ = 0;
+  };
 
   // How an operation's messages read.
   struct Words {
@@ -177,15 +227,22 @@ class TARN_EXPORT BaseProxy : public Proxy {
   template <typename GetFormat>
   std::vector<int> ShapeView(const std::vector<int>& described,
                              GetFormat get_format) const;
-  static void Store(const Words& words, const std::string& name,
-                    const Tensor& tensor, Tensor::DataType expected_type,
-                    const std::vector<int>& expected_shape, Tensors& tensors);
-  template <typename MakeBuffer>
+  bool Fits(const Tensor& tensor, const TensorInfo& info) const;
+  static void ReportMisfit(const Words& words, const std::string& name,
+                           const Tensor& tensor, Tensor::DataType expected_type,
+                           const std::vector<int>& expected_shape);
   static Tensor Create(const Words& words, const std::string& name,
-                       const std::vector<int>& shape, Tensors& buffers,
-                       MakeBuffer make_buffer);
+                       const std::vector<int>& shape, const Tensor& buffer);
+  static const Tensor& Get(const Tensors& tensors, const std::string& key,
+                           const std::string& shown, const char* noun,
+                           const char* function);
   Tensor Largest(const std::vector<int>& described,
                  Tensor::DataType data_type) const;
+  template <typename MakeBuffer>
+  static const Tensor& BufferOf(const std::string& name, Buffers& buffers,
+                                MakeBuffer make_buffer);
+  const Tensor& OutputBuffer(const std::string& name);
+  const Tensor& CacheBuffer(const std::string& name);
   void ZeroCaches();
 
   BaseModel* model_;  // Not owned.
@@ -195,9 +252,11 @@ class TARN_EXPORT BaseProxy : public Proxy {
   Tensors caches_;  // By input-side name.
   std::map<std::string, int> fixed_dims_;
   // Blocks at the largest allowed shapes; they live as long as the proxy.
-  Tensors input_buffers_;
-  Tensors output_buffers_;
-  Tensors cache_buffers_;  // By the name of the side they were created for.
+  Buffers input_buffers_;
+  Buffers output_buffers_;
+  Buffers cache_buffers_;  // By the name of the side they were created for.
+  std::atomic<bool> in_flight_{false};
+  std::function<void(Proxy*, bool)> done_;  // Empty for a caller that waits.
 };
 
 // A stream whose requests are computed in its caller's own thread.

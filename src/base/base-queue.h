@@ -33,6 +33,14 @@ class Queue {
     if (items_.size() >= threshold) condition_.notify_one();
   }
 
+  // Appends several items at once, with one wake-up. Returns how many wait now.
+  size_t Push(const std::vector<T>& items, unsigned int threshold) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    items_.insert(items_.end(), items.begin(), items.end());
+    if (items_.size() >= threshold) condition_.notify_one();
+    return items_.size();
+  }
+
   // Takes the `n` oldest items, or none when fewer wait. Never blocks.
   std::vector<T> Pop(unsigned int n) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -66,6 +74,7 @@ class Queue {
     condition_.notify_all();
   }
 
+  // Whether no item waits.
   bool Empty() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return items_.empty();

@@ -3,13 +3,19 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <utility>
 
+#include "base/base-model-advice.h"
+#include "base/base-proxy.h"
 #include "utils/logging.h"
+#include "utils/parse-device.h"
+#include "utils/reporter.h"
 // The factory is the one place in base that knows the backends it makes.
 #ifdef USE_BACKEND_MACE
 #include "model/mace-model.h"
 #endif
 #ifdef USE_BACKEND_ONNX
+#include "model/onnx-model-check.h"
 #include "model/onnx-model.h"
 #endif
 
@@ -17,9 +23,9 @@ namespace tarn {
 
 namespace {
 
-// One call of a factory function.
+// One call of a function that makes or checks models.
 struct Request {
-  const char* function;  // Reported as the origin of messages.
+  Reporter reporter;  // In the name of that function.
   const std::string& backend;
   const std::string& model;  // The path of a file, or its bytes.
   bool from_memory;
@@ -34,57 +40,90 @@ struct Shared {
   const std::string& bytes;                  // Of the model file.
 };
 
-void ReportNotBuiltIn(const char* macro, const char* function) {
-  TARN_LOG_AS(FATAL, function)
-      << "expect macro:" << macro << " to be turned on.";
+enum class Backend { kOnnx, kMace, kTensorrt, kUnknown };
+
+Backend BackendOf(const std::string& name) {
+  if (name == "onnx") return Backend::kOnnx;
+  if (name == "mace") return Backend::kMace;
+  if (name == "tensorrt") return Backend::kTensorrt;
+  return Backend::kUnknown;
 }
 
-std::unique_ptr<Model> MakeOnnxModel([[maybe_unused]] const Request& request,
-                                     [[maybe_unused]] const Shared& shared,
-                                     [[maybe_unused]] const Device& device) {
 #ifdef USE_BACKEND_ONNX
-  return std::make_unique<OnnxModel>(shared.info, shared.bytes, device,
-                                     shared.queue);
+constexpr bool kHasOnnx = true;
 #else
-  ReportNotBuiltIn("USE_BACKEND_ONNX", request.function);
-  return nullptr;
+constexpr bool kHasOnnx = false;
 #endif
+#ifdef USE_BACKEND_MACE
+constexpr bool kHasMace = true;
+#else
+constexpr bool kHasMace = false;
+#endif
+
+bool CheckBuiltIn(bool built_in, const char* macro, const Reporter& reporter) {
+  if (!built_in) {
+    reporter.Report(FATAL, {"backend", "use a library that has the backend"})
+        << "expect macro:" << macro << " to be turned on.";
+  }
+  return built_in;
 }
 
-std::unique_ptr<Model> MakeMaceModel(const Request& request,
+// Whether this build can serve the request.
+bool CheckBackend(const Request& request) {
+  const Reporter& reporter = request.reporter;
+  switch (BackendOf(request.backend)) {
+    case Backend::kOnnx:
+      return CheckBuiltIn(kHasOnnx, "USE_BACKEND_ONNX", reporter);
+    case Backend::kMace:
+      if (request.from_memory) {
+        reporter.Report(FATAL, {"backend", "give the paths of files"})
+            << "unimplemented.";
+        return false;
+      }
+      return CheckBuiltIn(kHasMace, "USE_BACKEND_MACE", reporter);
+    case Backend::kTensorrt:
+      return CheckBuiltIn(false, "USE_BACKEND_TENSORRT", reporter);
+    case Backend::kUnknown:
+      reporter.Report(FATAL, {"backend", "use onnx or mace"})
+          << "unknow backend:" << request.backend;
+  }
+  return false;
+}
+
+// Null after a backend that has been reported.
+std::unique_ptr<Model> MakeOfBackend([[maybe_unused]] const Request& request,
                                      [[maybe_unused]] const Shared& shared,
                                      [[maybe_unused]] const Device& device) {
-  if (request.from_memory) {
-    TARN_LOG_AS(FATAL, request.function) << "unimplemented.";
-    return nullptr;  // Reached only when the log level silences fatal checks.
-  }
-#ifdef USE_BACKEND_MACE
-  return std::make_unique<MaceModel>(shared.info, request.model,
-                                     request.weights, request.cache, device,
-                                     shared.queue);
-#else
-  ReportNotBuiltIn("USE_BACKEND_MACE", request.function);
-  return nullptr;
+  switch (BackendOf(request.backend)) {
+#ifdef USE_BACKEND_ONNX
+    case Backend::kOnnx:
+      return std::make_unique<OnnxModel>(shared.info, shared.bytes, device,
+                                         shared.queue);
 #endif
+#ifdef USE_BACKEND_MACE
+    case Backend::kMace:
+      return std::make_unique<MaceModel>(shared.info, request.model,
+                                         request.weights, request.cache, device,
+                                         shared.queue);
+#endif
+    default:
+      return nullptr;
+  }
 }
 
 std::unique_ptr<Model> MakeModel(const Request& request, const Shared& shared,
                                  const Device& device) {
   std::unique_ptr<Model> model;
-  if (request.backend == "onnx") {
-    model = MakeOnnxModel(request, shared, device);
-  } else if (request.backend == "mace") {
-    model = MakeMaceModel(request, shared, device);
-  } else if (request.backend == "tensorrt") {
-    ReportNotBuiltIn("USE_BACKEND_TENSORRT", request.function);
-  } else {
-    TARN_LOG_AS(FATAL, request.function)
-        << "unknow backend:" << request.backend;
-  }
+  if (CheckBackend(request)) model = MakeOfBackend(request, shared, device);
   if (model == nullptr) {
-    TARN_LOG_AS(FATAL, request.function) << "create model failed.";
+    request.reporter.Report(FATAL, {"", ""}) << "create model failed.";
   }
   return model;
+}
+
+void ReportUnreadable(const Request& request) {
+  request.reporter.Report(FATAL, {"file", "name a readable file"})
+      << "read model failed from " << request.model;
 }
 
 // Reads the whole file if the request names one. Returns false when it cannot
@@ -94,16 +133,28 @@ bool ReadModelFile(const Request& request, std::string& bytes) {
   std::ifstream is(request.model, std::ios::binary);
   is.peek();  // What opens but cannot be read, a folder, shows only now.
   if (!is.is_open() || is.bad()) {
-    TARN_LOG_AS(FATAL, request.function)
-        << "read model failed from " << request.model;
-    return false;  // Reached only when the log level silences fatal checks.
+    ReportUnreadable(request);
+    return false;  // Reached only when nothing aborts.
   }
-  bytes.assign(std::istreambuf_iterator<char>(is), {});
+  const std::streamoff size = is.seekg(0, std::ios::end).tellg();
+  is.clear();
+  is.seekg(0);
+  if (size > 0) {
+    bytes.resize(static_cast<size_t>(size));
+    is.read(&bytes[0], size);
+  } else {  // A pipe tells no size.
+    is.clear();
+    bytes.assign(std::istreambuf_iterator<char>(is), {});
+  }
+  if (is.bad() || (size > 0 && is.gcount() != size)) {
+    ReportUnreadable(request);
+    return false;  // Reached only when nothing aborts.
+  }
   return true;
 }
 
 void ReportSuccess(const Request& request, const std::string& devices) {
-  TARN_LOG_AS(WARNING, request.function)
+  request.reporter.Report(WARNING, {"", ""})
       << "initialize successfully, model from "
       << (request.from_memory ? "stream" : request.model)
       << ", with backend of " << request.backend << ", on " << devices;
@@ -127,10 +178,10 @@ std::vector<Model*> MakeShared(const Request& request,
                                const std::vector<std::string>& device_texts) {
   const auto info = std::make_shared<ModelInfo>(options);
   if (!info->multi_threads()) {
-    TARN_LOG_AS(FATAL, request.function) << "expect --multi-threads=true.";
+    request.reporter.Report(FATAL, {"", ""}) << "expect --multi-threads=true.";
   }
   if (!info->infer_thread()) {
-    TARN_LOG_AS(FATAL, request.function) << "expect --infer-thread=true.";
+    request.reporter.Report(FATAL, {"", ""}) << "expect --infer-thread=true.";
   }
   std::string file;
   if (!ReadModelFile(request, file)) return {};
@@ -150,21 +201,81 @@ std::vector<Model*> MakeShared(const Request& request,
   return released;
 }
 
+// Checks what loading the network would find.
+void CheckNetwork(const Request& request,
+                  [[maybe_unused]] const ModelInfo& info,
+                  [[maybe_unused]] const Device& device) {
+  std::string file;
+  if (!ReadModelFile(request, file) || !CheckBackend(request)) return;
+#ifdef USE_BACKEND_MACE
+  if (BackendOf(request.backend) == Backend::kMace) {
+    CheckMaceModel(request.model, request.weights, info, device,
+                   request.reporter);
+  }
+#endif
+#ifdef USE_BACKEND_ONNX
+  if (BackendOf(request.backend) == Backend::kOnnx) {
+    CheckOnnxModel(request.from_memory ? request.model : file, info, device,
+                   request.reporter);
+  }
+#endif
+}
+
+void CheckAll(const Request& request, const ModelOptions& options,
+              const std::string& device_text, std::vector<Finding>& findings) {
+  const ModelInfo info(options, findings);
+  GiveAdvice(options, info, request.backend, request.reporter);
+  Device device;
+  const bool device_exists = ParseDevice(device_text, request.reporter, device);
+  const bool has_network = request.from_memory || !request.model.empty();
+  if (device_exists && has_network) CheckNetwork(request, info, device);
+}
+
+// The proxy as this library's own; null, with a FATAL, for any other.
+BaseProxy* RequestOf(Proxy* proxy, const char* function) {
+  auto* request = dynamic_cast<BaseProxy*>(proxy);
+  if (request == nullptr) {
+    TARN_LOG_AS(FATAL, function)
+        << (proxy == nullptr ? "proxy is nullptr"
+                             : "the proxy can't be run by this library.");
+  }
+  return request;
+}
+
+// The proxies as requests of one model. False where they are not, which shows
+// only when the log level silences fatal checks.
+bool RequestsOf(const std::vector<Proxy*>& proxies, const char* function,
+                std::vector<BaseProxy*>& requests) {
+  requests.reserve(proxies.size());
+  for (Proxy* proxy : proxies) {
+    BaseProxy* request = RequestOf(proxy, function);
+    if (request == nullptr) return false;
+    requests.push_back(request);
+    if (request->model() != requests.front()->model()) {
+      TARN_LOG_AS(FATAL, function) << "the proxies belong to different models.";
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 Model* NewModel(const ModelOptions& options, const std::string& backend,
                 const std::string& device, const std::string& model,
                 const std::string& weights, const std::string& cache) {
-  return MakeOne({__func__, backend, model, false, weights, cache}, options,
-                 device);
+  return MakeOne(
+      {Reporter().As(__func__), backend, model, false, weights, cache}, options,
+      device);
 }
 
 Model* NewModelFromMem(const ModelOptions& options, const std::string& backend,
                        const std::string& device,
                        const std::string& model_bytes,
                        const std::string& weights, const std::string& cache) {
-  return MakeOne({__func__, backend, model_bytes, true, weights, cache},
-                 options, device);
+  return MakeOne(
+      {Reporter().As(__func__), backend, model_bytes, true, weights, cache},
+      options, device);
 }
 
 std::vector<Model*> NewSharedModels(const ModelOptions& options,
@@ -173,16 +284,74 @@ std::vector<Model*> NewSharedModels(const ModelOptions& options,
                                     const std::string& model,
                                     const std::string& weights,
                                     const std::string& cache) {
-  return MakeShared({__func__, backend, model, false, weights, cache}, options,
-                    devices);
+  return MakeShared(
+      {Reporter().As(__func__), backend, model, false, weights, cache}, options,
+      devices);
 }
 
 std::vector<Model*> NewSharedModelsFromMem(
     const ModelOptions& options, const std::string& backend,
     const std::vector<std::string>& devices, const std::string& model_bytes,
     const std::string& weights, const std::string& cache) {
-  return MakeShared({__func__, backend, model_bytes, true, weights, cache},
-                    options, devices);
+  return MakeShared(
+      {Reporter().As(__func__), backend, model_bytes, true, weights, cache},
+      options, devices);
+}
+
+std::vector<Finding> CheckModel(const ModelOptions& options,
+                                const std::string& backend,
+                                const std::string& device,
+                                const std::string& model,
+                                const std::string& weights,
+                                const std::string& cache) {
+  std::vector<Finding> findings;
+  CheckAll({Reporter(&findings, &options.lines).As(__func__), backend, model,
+            false, weights, cache},
+           options, device, findings);
+  return findings;
+}
+
+std::vector<Finding> CheckModelFromMem(const ModelOptions& options,
+                                       const std::string& backend,
+                                       const std::string& device,
+                                       const std::string& model_bytes,
+                                       const std::string& weights,
+                                       const std::string& cache) {
+  std::vector<Finding> findings;
+  CheckAll({Reporter(&findings, &options.lines).As(__func__), backend,
+            model_bytes, true, weights, cache},
+           options, device, findings);
+  return findings;
+}
+
+bool Inference(const std::vector<Proxy*>& proxies) {
+  std::vector<BaseProxy*> requests;
+  if (!RequestsOf(proxies, __func__, requests)) return false;
+  if (requests.empty()) return true;
+  try {
+    for (BaseProxy* request : requests) request->BeginRequest();
+    requests.front()->model()->InferAll(requests);
+  } catch (...) {
+    for (BaseProxy* request : requests) request->CancelRequest();
+    throw;
+  }
+  bool all_have_outputs = true;
+  for (BaseProxy* request : requests) {
+    all_have_outputs = request->EndRequest() && all_have_outputs;
+  }
+  return all_have_outputs;
+}
+
+void InferenceAsync(Proxy* proxy, std::function<void(Proxy*, bool)> done) {
+  BaseProxy* request = RequestOf(proxy, __func__);
+  if (request == nullptr) return;
+  if (!request->model()->HasInferThread()) {
+    TARN_LOG(FATAL) << "expect --infer-thread=true.";
+    return;  // Reached only when the log level silences fatal checks.
+  }
+  request->BeginRequest();
+  request->SetDone(std::move(done));
+  request->model()->Submit(request);
 }
 
 void SetObserver(Model* model, InferenceObserver* observer) {

@@ -1,6 +1,8 @@
 // Element access, views and partial copies of Tensor.
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -12,13 +14,22 @@ namespace tarn {
 
 namespace {
 
+void ReportMismatch(const char* function) {
+  TARN_LOG_AS(FATAL, function) << "the data type of tensor is mismatched.";
+}
+
+void ReportNoElements(Tensor::DataType data_type, const char* function) {
+  TARN_LOG_AS(FATAL, function)
+      << "can't fill tensor of type:" << ConvertDataTypeToString(data_type);
+}
+
 // Hands the elements to `visit` as a pointer to Signed or, if T is that,
 // Unsigned. FATAL if T is neither.
 template <typename T, typename Signed, typename Unsigned, typename Visit>
 void VisitAs(const Tensor& tensor, const char* function, Visit visit) {
   constexpr bool kIsSigned = std::is_same<T, Signed>::value;
   if constexpr (!kIsSigned && !std::is_same<T, Unsigned>::value) {
-    TARN_LOG_AS(FATAL, function) << "the data type of tensor is mismatched.";
+    ReportMismatch(function);
   }
   visit(tensor.Data<std::conditional_t<kIsSigned, Signed, Unsigned>>());
 }
@@ -43,20 +54,23 @@ void VisitElements(const Tensor& tensor, const char* function, Visit visit) {
     case Tensor::FLOAT16:
       break;
   }
-  TARN_LOG_AS(FATAL, function) << "can't fill tensor of type:"
-                               << ConvertDataTypeToString(tensor.GetDataType());
+  ReportNoElements(tensor.GetDataType(), function);
 }
 
 }  // namespace
 
-template <typename T>
-T Tensor::Item() const {
+void Tensor::CheckItem(const char* function) const {
   if (data_ == nullptr || !shape_.empty()) {
-    TARN_LOG(FATAL) << "please call it on scalar Tensor.";
+    TARN_LOG_AS(FATAL, function) << "please call it on scalar Tensor.";
   }
   if (location_ == DEVICE) {
-    TARN_LOG(FATAL) << "move the tensor to HOST and retry.";
+    TARN_LOG_AS(FATAL, function) << "move the tensor to HOST and retry.";
   }
+}
+
+template <typename T>
+T Tensor::Item() const {
+  CheckItem(__func__);
   T item = 0;
   VisitElements<T>(*this, __func__, [&item](auto* elements) {
     if (elements != nullptr) item = static_cast<T>(*elements);
@@ -135,7 +149,37 @@ Tensor Tensor::SubTensor(unsigned int start, unsigned int count) const {
   if (count == 0) return view;
   std::vector<int> shape = shape_;
   shape[0] = static_cast<int>(count);
-  return View(static_cast<ptrdiff_t>(start) * GetStride()[0], std::move(shape));
+  const auto row_size = static_cast<unsigned int>(GetStride()[0]);
+  return View(ptrdiff_t{start} * row_size, std::move(shape));
+}
+
+bool Tensor::SetRow(int index, const Tensor& src) {
+  void* row = RowLike(src, index);
+  if (row == nullptr) return false;
+  std::memcpy(row, src.data_, size_t{src.GetElementNum()} * GetElementSize());
+  return true;
+}
+
+bool Tensor::GetRow(int index, const Tensor& dst) const {
+  const void* row = RowLike(dst, index);
+  if (row == nullptr) return false;
+  std::memcpy(dst.data_, row, size_t{dst.GetElementNum()} * GetElementSize());
+  return true;
+}
+
+// The memory of index `index` of the first dimension, where that is a row of
+// the shape and type of `other`; null elsewhere.
+void* Tensor::RowLike(const Tensor& other, int index) const {
+  const bool alike =
+      data_ != nullptr && other.data_ != nullptr && location_ == HOST &&
+      other.location_ == HOST && data_type_ == other.data_type_ &&
+      shape_.size() == other.shape_.size() + 1 && IsValidIndex(index, 0) &&
+      std::equal(shape_.begin() + 1, shape_.end(), other.shape_.begin());
+  if (!alike) return nullptr;
+  const int row = index < 0 ? index + shape_[0] : index;
+  return static_cast<char*>(data_) + size_t{other.GetElementNum()} *
+                                         GetElementSize() *
+                                         static_cast<size_t>(row);
 }
 
 std::vector<int> Tensor::GetStride() const {
@@ -198,7 +242,9 @@ Tensor Tensor::ViewAt(const int* indices, size_t count) const {
 Tensor Tensor::View(ptrdiff_t first_element, std::vector<int> shape) const {
   Tensor view;
   view.storage_ = storage_;
-  view.data_ = Data<char>() + first_element * ptrdiff_t{GetElementSize()};
+  if (data_ != nullptr) {  // Null after an allocation that failed in silence.
+    view.data_ = Data<char>() + first_element * ptrdiff_t{GetElementSize()};
+  }
   view.shape_ = std::move(shape);
   view.data_type_ = data_type_;
   view.location_ = location_;
@@ -209,8 +255,8 @@ Tensor Tensor::View(ptrdiff_t first_element, std::vector<int> shape) const {
 // one run. The region must fit.
 void Tensor::CopyIntoRegion(const Tensor& src, const int* offsets) {
   if (std::equal(shape_.begin() + 1, shape_.end(), src.shape_.begin() + 1)) {
-    const ptrdiff_t first_element = ptrdiff_t{offsets[0]} * GetStride()[0];
-    View(first_element, src.shape_).Copy(src);
+    const auto row_size = static_cast<unsigned int>(GetStride()[0]);
+    View(ptrdiff_t{offsets[0]} * row_size, src.shape_).Copy(src);
     return;
   }
   for (int i = 0; i < src.shape_[0]; ++i) {

@@ -14,16 +14,26 @@ namespace tarn {
 
 namespace {
 
+constexpr uint64_t kMaxBytes = std::numeric_limits<unsigned int>::max();
+
+// What elements of this size take in this shape; more than kMaxBytes, and no
+// more than that said, where it is beyond 32 bits.
+uint64_t ByteNum(const std::vector<int>& shape, unsigned int element_size) {
+  uint64_t size = element_size;
+  for (int dimension : shape) {
+    size *= static_cast<uint64_t>(dimension);
+    if (size > kMaxBytes) return kMaxBytes + 1;
+  }
+  return size;
+}
+
 // The bytes of a block, or null where there is no memory for it, a size beyond
 // 32 bits included.
 std::shared_ptr<void> Allocate(const std::vector<int>& shape,
                                unsigned int element_size,
                                Tensor::Location location) {
-  uint64_t size = element_size;
-  for (int dimension : shape) {
-    size *= static_cast<uint64_t>(dimension);
-    if (size > std::numeric_limits<unsigned int>::max()) return nullptr;
-  }
+  const uint64_t size = ByteNum(shape, element_size);
+  if (size > kMaxBytes) return nullptr;
   void* block = nullptr;
   void (*release)(void*) = std::free;
   if (location == Tensor::DEVICE) {
@@ -128,7 +138,8 @@ unsigned int Tensor::GetElementSize(DataType data_type) const {
 }
 
 bool Tensor::Reshape(const std::vector<int>& shape) {
-  if (!CheckShape(shape) || GetElementNum() != GetElementNum(shape)) {
+  if (!CheckShape(shape) || ByteNum(shape, 1) > kMaxBytes ||
+      GetElementNum() != GetElementNum(shape)) {
     return false;
   }
   shape_ = shape;

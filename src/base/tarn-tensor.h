@@ -35,6 +35,7 @@ class TARN_EXPORT Tensor {
     INT8 = 7,
   };
 
+  // Where a block lies.
   enum Location : int32_t {
     HOST = 0,
     DEVICE = 1,
@@ -51,17 +52,20 @@ class TARN_EXPORT Tensor {
   Tensor(void* data, const std::vector<int>& shape, DataType data_type,
          Location location);
 
+  // A copy shares the block.
   Tensor(const Tensor& other) = default;
   Tensor& operator=(const Tensor& other) = default;
   Tensor(Tensor&& other) noexcept;  // Leaves `other` without data.
   Tensor& operator=(Tensor&& other) noexcept;
   virtual ~Tensor();
 
+  // The first element, in the type that the caller asks for unchecked.
   void* Data() const { return data_; }
   template <typename T>
   T* Data() const {
     return static_cast<T*>(data_);
   }
+  // What the tensor was made with.
   const std::vector<int>& GetShape() const { return shape_; }
   DataType GetDataType() const { return data_type_; }
   Location GetLocation() const { return location_; }
@@ -91,6 +95,7 @@ class TARN_EXPORT Tensor {
   // no data, or another shape or type.
   void Copy(const Tensor& src);
 
+  // Exchanges everything with `other`.
   void Swap(Tensor& other) noexcept;
 
   // Sets every byte of a host block to zero.
@@ -127,6 +132,12 @@ class TARN_EXPORT Tensor {
   // end but not beyond: FATAL. A count of 0 gives a tensor without data.
   Tensor SubTensor(unsigned int start, unsigned int count) const;
 
+  // Copy `src` into index `index` of the first dimension, and that into `dst`,
+  // as a copy of the view would. Return false, and copy nothing, where there is
+  // no such view of the other tensor's shape and type on the host.
+  bool SetRow(int index, const Tensor& src);
+  bool GetRow(int index, const Tensor& dst) const;
+
   // Row-major strides in elements.
   std::vector<int> GetStride() const;
 
@@ -142,6 +153,8 @@ class TARN_EXPORT Tensor {
  private:
   void MoveTo(Location location);
   bool IsValidIndex(int index, size_t dimension) const;
+  void CheckItem(const char* function) const;
+  void* RowLike(const Tensor& other, int index) const;
   Tensor ViewAt(const int* indices, size_t count) const;
   Tensor View(ptrdiff_t first_element, std::vector<int> shape) const;
   void CopyIntoRegion(const Tensor& src, const int* offsets);

@@ -12,6 +12,7 @@
 #include "base/base-proxy.h"
 #include "utils/device-utils.h"
 #include "utils/logging.h"
+#include "utils/reporter.h"
 
 namespace tarn {
 
@@ -62,35 +63,41 @@ void SetCpu(int thread_num, mace::MaceEngineConfig& config) {
   }
 }
 
-bool SetDevice(const Device& device, int thread_num,
+bool CheckDevice(const Device& device, const Reporter& reporter) {
+  if (device.kind == Device::HTP || device.kind == Device::CPU) return true;
+  reporter.Report(ERROR, {"device", "use cpu or htp"})
+      << "does not support type: " << device.ToString();
+  return false;
+}
+
+void SetDevice(const Device& device, int thread_num,
                mace::MaceEngineConfig& config) {
-  switch (device.kind) {
-    case Device::HTP:
-      SetHtp(config);
-      return true;
-    case Device::CPU:
-      SetCpu(thread_num, config);
-      return true;
-    default:
-      TARN_LOG_AS(ERROR, "LoadModel")
-          << "does not support type: " << device.ToString();
-      return false;
+  if (device.kind == Device::HTP) {
+    SetHtp(config);
+  } else {
+    SetCpu(thread_num, config);
   }
 }
 
 // Maps the file at `path`. Returns null when it cannot be read, or when it is
 // empty and may not be.
-Region MapFile(const std::string& path, bool may_be_empty) {
+Region MapFile(const std::string& path, bool may_be_empty,
+               const Reporter& reporter) {
   Region region;
   const mace::MaceStatus status =
       mace::port::Env::Default()
           ->GetFileSystem()
           ->NewReadOnlyMemoryRegionFromFile(path.c_str(), &region);
   if (!Succeeded(status) || (region->length() == 0 && !may_be_empty)) {
-    TARN_LOG_AS(ERROR, "LoadModel") << "Failed to read file: " << path;
+    reporter.Report(ERROR, {"file", "name a readable file"})
+        << "Failed to read file: " << path;
     return nullptr;
   }
   return region;
+}
+
+bool IsFixed(const std::vector<int>& shape) {
+  return std::find(shape.begin(), shape.end(), -1) == shape.end();
 }
 
 const unsigned char* Bytes(const Region& region) {
@@ -127,6 +134,29 @@ bool AreWrapped(const std::map<std::string, mace::MaceTensor>& tensors) {
 
 }  // namespace
 
+void CheckMaceModel(const std::string& graph, const std::string& weights,
+                    const ModelInfo& info, const Device& device,
+                    const Reporter& reporter) {
+  const Reporter load_reporter = reporter.As("LoadModel");
+  CheckDevice(device, load_reporter);
+  MapFile(graph, /*may_be_empty=*/false, load_reporter);
+  MapFile(weights, /*may_be_empty=*/true, load_reporter);
+  const auto check_fixed = [&](const std::string& name,
+                               const std::vector<int>& shape,
+                               const char* option) {
+    if (IsFixed(shape)) return;
+    reporter.About(option).Report(FATAL, {"mace-fixed", "fix its sizes"})
+        << name << " has a dynamic dimension, which MACE can't allocate.";
+  };
+  for (unsigned int i = 0; i < info.GetOutputNum(); ++i) {
+    check_fixed(info.GetOutputName(i), info.GetOutputShape(i), "outputs-shape");
+  }
+  for (unsigned int i = 0; i < info.GetCacheNum(); ++i) {
+    check_fixed(info.GetCacheName(i, false), info.GetCacheShape(i),
+                "caches-shape");
+  }
+}
+
 MaceModel::MaceModel(std::shared_ptr<ModelInfo> info, const std::string& graph,
                      const std::string& weights, const std::string& cache,
                      const Device& device,
@@ -148,16 +178,18 @@ void MaceModel::LoadModel(const std::string& /*model*/) {
 
 void MaceModel::LoadModel(const std::string& graph, const std::string& weights,
                           const std::string& cache) {
+  const Reporter reporter = Reporter().As(__func__);
   mace::MaceEngineConfig config;
   if (!cache.empty()) SetCache(cache, config);
-  if (!SetDevice(device_, info_->num_execute_threads(), config)) return;
+  if (!CheckDevice(device_, reporter)) return;
+  SetDevice(device_, info_->num_execute_threads(), config);
   TARN_LOG(INFO) << "load graph " << graph;
   // The engine aborts on a graph without bytes; weights may have none.
-  const Region graph_region = MapFile(graph, /*may_be_empty=*/false);
+  const Region graph_region = MapFile(graph, /*may_be_empty=*/false, reporter);
   if (graph_region == nullptr) return;
   TARN_LOG(INFO) << "load weight " << weights;
   auto loaded = std::make_shared<EngineWithWeights>();
-  loaded->weights = MapFile(weights, /*may_be_empty=*/true);
+  loaded->weights = MapFile(weights, /*may_be_empty=*/true, reporter);
   if (loaded->weights == nullptr) return;
   const mace::MaceStatus status = mace::CreateMaceEngineFromProto(
       Bytes(graph_region), graph_region->length(), Bytes(loaded->weights),

@@ -14,6 +14,8 @@
 
 namespace tarn {
 
+class Reporter;
+
 // A network run by MACE on the CPU or on an HTP accelerator.
 //
 // It computes one request at a time and no batches, so its description must not
@@ -76,6 +78,12 @@ class TARN_EXPORT MaceModel : public BaseModel {
   std::map<std::string, Tensor> outputs_;  // Caches by their output side.
   bool ready_ = false;
 };
+
+// Reports what keeps a MaceModel from being made or from getting ready, as far
+// as that shows without creating the engine.
+void CheckMaceModel(const std::string& graph, const std::string& weights,
+                    const ModelInfo& info, const Device& device,
+                    const Reporter& reporter);
 
 }  // namespace tarn
 

@@ -4,8 +4,9 @@
 #include <utility>
 
 #include "base/base-proxy.h"
+#include "model/onnx-model-check.h"
 #include "utils/logging.h"
-#include "utils/text-utils.h"
+#include "utils/reporter.h"
 
 namespace tarn {
 
@@ -15,20 +16,15 @@ namespace {
 // session's, which may be the unsigned twin of the tensor's.
 Ort::Value Wrap(const Tensor& tensor, ONNXTensorElementDataType type,
                 const Ort::MemoryInfo& memory) {
-  const std::vector<int64_t> shape(tensor.GetShape().begin(),
-                                   tensor.GetShape().end());
+  constexpr size_t kUsualRank = 8;
+  int64_t usual_shape[kUsualRank];
+  const std::vector<int>& shape = tensor.GetShape();
+  std::vector<int64_t> long_shape(shape.size() > kUsualRank ? shape.size() : 0);
+  int64_t* wide = long_shape.empty() ? usual_shape : long_shape.data();
+  std::copy(shape.begin(), shape.end(), wide);
   const unsigned int size = tensor.GetElementNum() * tensor.GetElementSize();
-  return Ort::Value::CreateTensor(memory, tensor.Data(), size, shape.data(),
+  return Ort::Value::CreateTensor(memory, tensor.Data(), size, wide,
                                   shape.size(), type);
-}
-
-// Copies into the corner of `to` where it is the larger one.
-void CopyToCorner(const Tensor& from, Tensor& to) {
-  if (from.GetShape() == to.GetShape()) {
-    to.Copy(from);
-  } else {
-    to.PartialCopyFrom(from, {});
-  }
 }
 
 // Raises the sizes behind the batch dimension to those of one row; sets them
@@ -59,29 +55,22 @@ void OnnxModel::LoadModel(const std::string& model) {
   options.SetGraphOptimizationLevel(ORT_ENABLE_EXTENDED);
   options.DisableCpuMemArena();
   options.DisableMemPattern();
-  CheckDevice();
+  CheckOnnxDevice(device_, Reporter().As("LoadModel"));
   env_ = std::make_unique<Ort::Env>(ORT_LOGGING_LEVEL_WARNING, "tarn", OnnxLog,
                                     nullptr);
   session_ = std::make_unique<Ort::Session>(*env_, model.data(), model.size(),
                                             options);
-  CheckModel(session_, input_names_, output_names_, input_types_,
-             output_types_);
+  std::vector<std::string> input_names;
+  std::vector<std::string> output_names;
+  std::vector<ONNXTensorElementDataType> input_types;
+  std::vector<ONNXTensorElementDataType> output_types;
+  CheckModel(session_, input_names, output_names, input_types, output_types);
+  inputs_ = MakePorts(input_names, input_types);
+  outputs_ = MakePorts(output_names, output_types);
   if (info_->HasBatchDimension()) {
     AllocMemorys(memorys_);
     AllocNewCaches();
   }
-}
-
-void OnnxModel::CheckDevice() const {
-  if (device_.kind == Device::CPU) return;
-  if (device_.kind == Device::CUDA) {
-    TARN_LOG_AS(FATAL, "LoadModel")
-        << "expect macro:ON_DEVICE_CUDA to be turned on.";
-    return;  // Reached only when the log level silences fatal checks.
-  }
-  TARN_LOG_AS(FATAL, "LoadModel")
-      << "the model of type OnnxBaseModel can't run on " << device_.ToString()
-      << ".";
 }
 
 void OnnxModel::CheckModel(
@@ -94,70 +83,15 @@ void OnnxModel::CheckModel(
   output_names.clear();
   input_types.clear();
   output_types.clear();
-  const size_t input_num = session->GetInputCount();
-  const size_t output_num = session->GetOutputCount();
-  if (input_num != info_->GetInputNum() + info_->GetCacheNum()) {
-    TARN_LOG(FATAL) << "the number of inputs is mismatched.";
+  CheckSession(*session, *info_, Reporter().As("CheckModel"));
+  for (const OnnxPort& port : PortsOf(*session, false)) {
+    input_names.push_back(port.name);
+    input_types.push_back(port.type);
   }
-  if (output_num != info_->GetOutputNum() + info_->GetCacheNum()) {
-    TARN_LOG(FATAL) << "the number of outputs is mismatched.";
+  for (const OnnxPort& port : PortsOf(*session, true)) {
+    output_names.push_back(port.name);
+    output_types.push_back(port.type);
   }
-  Ort::AllocatorWithDefaultOptions allocator;
-  for (size_t i = 0; i < input_num; ++i) {
-    input_names.emplace_back(
-        session->GetInputNameAllocated(i, allocator).get());
-    input_types.push_back(
-        CheckTensor(input_names.back(), false, session->GetInputTypeInfo(i)));
-  }
-  for (size_t i = 0; i < output_num; ++i) {
-    output_names.emplace_back(
-        session->GetOutputNameAllocated(i, allocator).get());
-    output_types.push_back(
-        CheckTensor(output_names.back(), true, session->GetOutputTypeInfo(i)));
-  }
-}
-
-// Checks one input or output of the session; returns its element type.
-ONNXTensorElementDataType OnnxModel::CheckTensor(
-    const std::string& name, bool output,
-    const Ort::TypeInfo& type_info) const {
-  ONNXTensorElementDataType type = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED;
-  std::vector<int> shape;
-  if (type_info.GetONNXType() == ONNX_TYPE_TENSOR) {
-    const auto tensor_info = type_info.GetTensorTypeAndShapeInfo();
-    type = tensor_info.GetElementType();
-    for (int64_t size : tensor_info.GetShape()) {
-      shape.push_back(static_cast<int>(size));
-    }
-  }
-  const Tensor::DataType data_type = OnnxDataTypeToTarn(type);
-  const char* noun = output ? "output" : "input";
-  bool agrees = false;
-  if (output ? info_->HasOutput(name) : info_->HasInput(name)) {
-    agrees = output ? info_->CheckOutput(name, shape, data_type)
-                    : info_->CheckInput(name, shape, data_type);
-  } else if (IsCache(name, output)) {
-    noun = "cache";
-    agrees = info_->CheckCache(name, shape, data_type);
-  } else {
-    TARN_LOG_AS(FATAL, "CheckModel") << "undefined " << noun << "s:" << name;
-    return type;  // Reached only when the log level silences fatal checks.
-  }
-  if (!agrees) {
-    TARN_LOG_AS(FATAL, "CheckModel")
-        << "Check shape and data type failed for " << noun << ":" << name
-        << ", shape=" << ConvertShapeToString(shape)
-        << ", dtype=" << ConvertDataTypeToString(data_type);
-  }
-  return type;
-}
-
-// Whether `name` is the output or the input side of a cache.
-bool OnnxModel::IsCache(const std::string& name, bool output) const {
-  for (unsigned int i = 0; i < info_->GetCacheNum(); ++i) {
-    if (info_->GetCacheName(i, output) == name) return true;
-  }
-  return false;
 }
 
 void OnnxModel::AllocMemorys(std::map<std::string, Tensor>& memorys) {
@@ -189,46 +123,69 @@ void OnnxModel::AllocNewCaches() {
   }
 }
 
+std::vector<OnnxModel::Port> OnnxModel::MakePorts(
+    const std::vector<std::string>& names,
+    const std::vector<ONNXTensorElementDataType>& types) const {
+  std::vector<Port> ports;
+  for (size_t i = 0; i < names.size(); ++i) {
+    const TensorInfo* cache = info_->FindCache(names[i]);
+    const bool is_cache = cache != nullptr && !info_->HasInput(names[i]) &&
+                          !info_->HasOutput(names[i]);
+    ports.push_back(
+        {names[i], is_cache ? cache->name : names[i], is_cache, types[i]});
+  }
+  return ports;
+}
+
 void OnnxModel::Compute(BaseProxy* proxy) {
   const auto memory =
       Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
   Ort::IoBinding binding(*session_);
-  for (size_t i = 0; i < input_names_.size(); ++i) {
-    const std::string& name = input_names_[i];
-    const Tensor& input =
-        info_->HasInput(name) ? proxy->GetInput(name) : proxy->GetCache(name);
-    binding.BindInput(name.c_str(), Wrap(input, input_types_[i], memory));
+  for (const Port& port : inputs_) {
+    binding.BindInput(port.name.c_str(),
+                      Wrap(InputOf(*proxy, port), port.type, memory));
   }
-  std::vector<Tensor> outputs;
-  outputs.reserve(output_names_.size());
-  for (size_t i = 0; i < output_names_.size(); ++i) {
-    const std::string& name = output_names_[i];
-    outputs.push_back(
-        info_->HasOutput(name)
-            ? proxy->CreateOutput(name, proxy->GetOutputShape(name))
-            : CreateNewCache(proxy, name));
-    binding.BindOutput(name.c_str(),
-                       Wrap(outputs.back(), output_types_[i], memory));
+  Tensor view;
+  for (const Port& port : outputs_) {
+    binding.BindOutput(port.name.c_str(),
+                       Wrap(OutputOf(*proxy, port, view), port.type, memory));
   }
   if (!Run(binding, proxy)) return;
-  for (size_t i = 0; i < output_names_.size(); ++i) {
-    const std::string& name = output_names_[i];
-    if (info_->HasOutput(name)) {
-      proxy->SetOutput(name, outputs[i]);
-    } else {
-      proxy->SetCache(name, outputs[i]);
-    }
+  for (const Port& port : outputs_) {
+    Keep(port, OutputOf(*proxy, port, view), *proxy);
   }
 }
 
-// The one of the cache's two buffers that does not hold the present state,
-// which the engine may still read while it writes the new one.
-Tensor OnnxModel::CreateNewCache(BaseProxy* proxy,
-                                 const std::string& name) const {
-  const std::vector<int> shape = proxy->GetCacheShape(name);
-  Tensor cache = proxy->CreateCache(name, shape);
-  if (cache.Data() != proxy->GetCache(name).Data()) return cache;
-  return proxy->CreateCache(info_->GetCacheName(name), shape);
+const Tensor& OnnxModel::InputOf(const BaseProxy& proxy, const Port& port) {
+  return port.is_cache ? proxy.GetCache(port.key) : proxy.GetInput(port.key);
+}
+
+// The proxy's memory for an output or new state; the same until that is kept.
+// New state goes into the one of the cache's two buffers that does not hold the
+// present one, which the engine may still read.
+const Tensor& OnnxModel::OutputOf(BaseProxy& proxy, const Port& port,
+                                  Tensor& view) {
+  if (!port.is_cache) return proxy.OutputToFill(port.key, view);
+  const Tensor& buffer = proxy.CacheToFill(port.name, view);
+  if (buffer.Data() != proxy.GetCache(port.key).Data()) return buffer;
+  return proxy.CacheToFill(port.key, view);
+}
+
+// The proxy's memory for its row of an output or new state. The engine has done
+// with the present one.
+const Tensor& OnnxModel::RowOf(BaseProxy& proxy, const Port& port,
+                               Tensor& view) {
+  return port.is_cache ? proxy.CacheToFill(port.key, view)
+                       : proxy.OutputToFill(port.key, view);
+}
+
+// Makes `output` the proxy's output, or its state.
+void OnnxModel::Keep(const Port& port, const Tensor& output, BaseProxy& proxy) {
+  if (port.is_cache) {
+    proxy.SetCache(port.key, output);
+  } else {
+    proxy.SetOutput(port.key, output);
+  }
 }
 
 void OnnxModel::Compute(const std::vector<BaseProxy*>& proxies) {
@@ -239,23 +196,21 @@ void OnnxModel::Compute(const std::vector<BaseProxy*>& proxies) {
   Tensors bindings;
   if (is_dynamic) GetBindings(proxies, bindings);
   const Tensors& batches = is_dynamic ? bindings : memorys_;
-  for (size_t i = 0; i < input_names_.size(); ++i) {
-    const std::string& name = input_names_[i];
-    GatherRows(name, proxies, batches.at(name));
-    binding.BindInput(name.c_str(),
-                      Wrap(batches.at(name), input_types_[i], memory));
+  for (const Port& port : inputs_) {
+    const Tensor& batch = batches.at(port.key);
+    GatherRows(port, proxies, batch);
+    binding.BindInput(port.name.c_str(), Wrap(batch, port.type, memory));
   }
   std::vector<Tensor> outputs;
-  outputs.reserve(output_names_.size());
-  for (size_t i = 0; i < output_names_.size(); ++i) {
-    const std::string& name = output_names_[i];
-    outputs.push_back(BatchOutput(name, batches));
-    binding.BindOutput(name.c_str(),
-                       Wrap(outputs.back(), output_types_[i], memory));
+  outputs.reserve(outputs_.size());
+  for (const Port& port : outputs_) {
+    outputs.push_back(BatchOutput(port, batches));
+    binding.BindOutput(port.name.c_str(),
+                       Wrap(outputs.back(), port.type, memory));
   }
   if (!Run(binding, proxies)) return;
-  for (size_t i = 0; i < output_names_.size(); ++i) {
-    ScatterRows(output_names_[i], outputs[i], proxies);
+  for (size_t i = 0; i < outputs_.size(); ++i) {
+    ScatterRows(outputs_[i], outputs[i], proxies);
   }
 }
 
@@ -291,46 +246,38 @@ void OnnxModel::GetBindings(const std::vector<BaseProxy*>& proxies,
 
 // Copies each proxy's input or cache into its row; rows without a proxy are
 // zeroed.
-void OnnxModel::GatherRows(const std::string& name,
+void OnnxModel::GatherRows(const Port& port,
                            const std::vector<BaseProxy*>& proxies,
-                           const Tensor& batch) const {
-  const bool is_input = info_->HasInput(name);
+                           Tensor batch) {
   const int row_num = batch.GetShape()[0];
   const int proxy_num = static_cast<int>(proxies.size());
   for (int i = 0; i < proxy_num; ++i) {
-    const BaseProxy* proxy = proxies[static_cast<size_t>(i)];
-    Tensor row = batch[i];
-    CopyToCorner(is_input ? proxy->GetInput(name) : proxy->GetCache(name), row);
+    const Tensor& source = InputOf(*proxies[static_cast<size_t>(i)], port);
+    if (!batch.SetRow(i, source)) batch[i].PartialCopyFrom(source, {});
   }
   for (int i = proxy_num; i < row_num; ++i) batch[i].Zeros();
 }
 
-// The batch tensor that the session's output `name` is written to.
-Tensor OnnxModel::BatchOutput(const std::string& name,
-                              const Tensors& batches) const {
-  if (info_->HasOutput(name)) return batches.at(name);
-  const std::string& key = info_->GetCacheName(name);
-  const Tensor& old_cache = batches.at(key);
-  return Tensor(new_caches_.at(key).Data(), old_cache.GetShape(),
-                old_cache.GetDataType(), old_cache.GetLocation());
+// The batch tensor that the session's output is written to.
+Tensor OnnxModel::BatchOutput(const Port& port, const Tensors& batches) const {
+  const Tensor& batch = batches.at(port.key);
+  if (!port.is_cache) return batch;
+  return Tensor(new_caches_.at(port.key).Data(), batch.GetShape(),
+                batch.GetDataType(), batch.GetLocation());
 }
 
 // Copies each row into its proxy's output or cache.
-void OnnxModel::ScatterRows(const std::string& name, const Tensor& batch,
-                            const std::vector<BaseProxy*>& proxies) const {
-  const bool is_output = info_->HasOutput(name);
-  const std::string& key = is_output ? name : info_->GetCacheName(name);
+void OnnxModel::ScatterRows(const Port& port, const Tensor& batch,
+                            const std::vector<BaseProxy*>& proxies) {
+  Tensor view;
   for (size_t i = 0; i < proxies.size(); ++i) {
-    BaseProxy* proxy = proxies[i];
-    Tensor tensor = is_output
-                        ? proxy->CreateOutput(key, proxy->GetOutputShape(key))
-                        : proxy->CreateCache(key, proxy->GetCacheShape(key));
-    CopyToCorner(batch[static_cast<int>(i)], tensor);
-    if (is_output) {
-      proxy->SetOutput(key, tensor);
-    } else {
-      proxy->SetCache(key, tensor);
+    const int index = static_cast<int>(i);
+    const Tensor& output = RowOf(*proxies[i], port, view);
+    if (!batch.GetRow(index, output)) {
+      Tensor corner = output;
+      batch[index].PartialCopyTo(corner, {});
     }
+    Keep(port, output, *proxies[i]);
   }
 }
 
@@ -350,32 +297,7 @@ bool OnnxModel::Run(const Ort::IoBinding& binding, const Requests& requests) {
 }
 
 Tensor::DataType OnnxModel::OnnxDataTypeToTarn(ONNXTensorElementDataType type) {
-  switch (type) {
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT:
-      return Tensor::FLOAT32;
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_DOUBLE:
-      return Tensor::FLOAT64;
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16:
-      return Tensor::FLOAT16;
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32:
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT32:
-      return Tensor::INT32;
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64:
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT64:
-      return Tensor::INT64;
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT16:
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT16:
-      return Tensor::INT16;
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8:
-    case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8:
-      return Tensor::INT8;
-    default:
-      break;
-  }
-  TARN_LOG(FATAL) << "unsupported data type of onnx: " << static_cast<int>(type)
-                  << ".";
-  // Reached only when the log level silences fatal checks.
-  return static_cast<Tensor::DataType>(0);
+  return ConvertOnnxType(type, "the tensor", Reporter().As(__func__));
 }
 
 void OnnxModel::OnnxLog(void* /*param*/, OrtLoggingLevel severity,

@@ -64,30 +64,37 @@ class TARN_EXPORT OnnxModel : public BaseModel {
  private:
   using Tensors = std::map<std::string, Tensor>;
 
-  void CheckDevice() const;
-  bool IsCache(const std::string& name, bool output) const;
-  ONNXTensorElementDataType CheckTensor(const std::string& name, bool output,
-                                        const Ort::TypeInfo& type_info) const;
   void AllocNewCaches();
 
-  Tensor CreateNewCache(BaseProxy* proxy, const std::string& name) const;
-  void GatherRows(const std::string& name,
-                  const std::vector<BaseProxy*>& proxies,
-                  const Tensor& batch) const;
-  void ScatterRows(const std::string& name, const Tensor& batch,
-                   const std::vector<BaseProxy*>& proxies) const;
-  Tensor BatchOutput(const std::string& name, const Tensors& batches) const;
+  // An input or output of the session, in session order.
+  struct Port {
+    std::string name;
+    std::string key;  // Of its batch tensor: a cache's input-side name.
+    bool is_cache;
+    ONNXTensorElementDataType type;
+  };
+  std::vector<Port> MakePorts(
+      const std::vector<std::string>& names,
+      const std::vector<ONNXTensorElementDataType>& types) const;
+
+  static const Tensor& InputOf(const BaseProxy& proxy, const Port& port);
+  static const Tensor& OutputOf(BaseProxy& proxy, const Port& port,
+                                Tensor& view);
+  static const Tensor& RowOf(BaseProxy& proxy, const Port& port, Tensor& view);
+  static void Keep(const Port& port, const Tensor& output, BaseProxy& proxy);
+  static void GatherRows(const Port& port,
+                         const std::vector<BaseProxy*>& proxies, Tensor batch);
+  static void ScatterRows(const Port& port, const Tensor& batch,
+                          const std::vector<BaseProxy*>& proxies);
+  Tensor BatchOutput(const Port& port, const Tensors& batches) const;
   template <typename Requests>
   bool Run(const Ort::IoBinding& binding, const Requests& requests);
 
   std::unique_ptr<Ort::Env> env_;
   std::unique_ptr<Ort::Session> session_;
-  Tensors memorys_;  // Batch tensors, by name; a cache's by input side.
-  // In session order.
-  std::vector<std::string> input_names_;
-  std::vector<std::string> output_names_;
-  std::vector<ONNXTensorElementDataType> input_types_;
-  std::vector<ONNXTensorElementDataType> output_types_;
+  Tensors memorys_;  // Batch tensors, by key.
+  std::vector<Port> inputs_;
+  std::vector<Port> outputs_;
   // Batch tensors that receive the caches' new values, by input-side name. An
   // engine may write new state before it has last read the old.
   Tensors new_caches_;

@@ -13,6 +13,7 @@
 #include <type_traits>
 
 #include "utils/logging.h"
+#include "utils/reporter.h"
 #include "utils/text-utils.h"
 
 namespace tarn {
@@ -29,45 +30,47 @@ bool BeginsWithDashes(const std::string& text) {
   return text.compare(0, kDashesLength, kDashes) == 0;
 }
 
-// "(int, default = 5)" and the like, as the help of an option ends.
-template <typename T>
-std::string TypeAndDefault(const T& value) {
-  std::ostringstream os;
-  os.imbue(std::locale::classic());
-  if constexpr (std::is_same<T, bool>::value) {
-    os << "(bool, default = " << (value ? "true" : "false");
-  } else if constexpr (std::is_same<T, int32_t>::value) {
-    os << "(int, default = " << value;
-  } else if constexpr (std::is_same<T, uint32_t>::value) {
-    os << "(uint, default = " << value;
-  } else if constexpr (std::is_same<T, float>::value) {
-    os << "(float, default = " << value;
-  } else if constexpr (std::is_same<T, double>::value) {
-    os << "(double, default = " << value;
-  } else {
-    os << "(string, default = \"" << value << "\"";
-  }
-  os << ")";
-  return os.str();
-}
-
 template <typename T>
 void PrintValue(std::ostream& os, const T& value) {
   if constexpr (std::is_same<T, bool>::value) {
     os << (value ? "true" : "false");
-  } else if constexpr (std::is_same<T, std::string>::value) {
-    os << "'" << value << "'";
   } else {
     os << value;
   }
 }
 
+template <typename T>
+const char* TypeName() {
+  if constexpr (std::is_same<T, bool>::value) return "bool";
+  if constexpr (std::is_same<T, int32_t>::value) return "int";
+  if constexpr (std::is_same<T, uint32_t>::value) return "uint";
+  if constexpr (std::is_same<T, float>::value) return "float";
+  if constexpr (std::is_same<T, double>::value) return "double";
+  return "string";
+}
+
+// "(int, default = 5)" and the like, as the help of an option ends.
+template <typename T>
+std::string TypeAndDefault(const T& value) {
+  const char* quote = std::is_same<T, std::string>::value ? "\"" : "";
+  std::ostringstream os;
+  os.imbue(std::locale::classic());
+  os << "(" << TypeName<T>() << ", default = " << quote;
+  PrintValue(os, value);
+  os << quote << ")";
+  return os.str();
+}
+
 // Prints the variable named `key` if `variables` holds it.
-template <typename Map>
-bool PrintFrom(const Map& variables, const std::string& key, std::ostream& os) {
+template <typename T>
+bool PrintFrom(const std::map<std::string, T*>& variables,
+               const std::string& key, std::ostream& os) {
   const auto found = variables.find(key);
   if (found == variables.end()) return false;
+  const char* quote = std::is_same<T, std::string>::value ? "'" : "";
+  os << quote;
   PrintValue(os, *found->second);
+  os << quote;
   return true;
 }
 
@@ -80,27 +83,27 @@ bool NeedsQuoting(const std::string& text) {
 
 template <typename T>
 T ToNumber(const std::string& text, bool (*convert)(const std::string&, T&),
-           const char* kind, const char* function) {
+           const char* kind, const Reporter& reporter) {
   T value = 0;
   if (!convert(text, value)) {
-    TARN_LOG_AS(ERROR, function)
+    reporter.Report(ERROR, {"number", "write a number that fits 32 bits"})
         << "Invalid " << kind << " option \"" << text << "\"";
   }
   return value;
 }
 
-// Sets the variable named `key` if `variables` holds it, on behalf of
-// SetOption().
+// Sets the variable named `key` if `variables` holds it.
 template <typename T>
 bool SetIn(const std::map<std::string, T*>& variables, ParseOptions& parser,
            const std::string& key, const std::string& value,
-           bool has_equal_sign) {
+           bool has_equal_sign, const Reporter& reporter) {
   const auto found = variables.find(key);
   if (found == variables.end()) return false;
   T& variable = *found->second;
   if constexpr (std::is_same<T, bool>::value) {
     if (has_equal_sign && value.empty()) {
-      TARN_LOG_AS(ERROR, "SetOption") << "Invalid option --" << key << "=";
+      reporter.Report(ERROR, {"value-missing", "write true or false"})
+          << "Invalid option --" << key << "=";
     }
     variable = parser.ToBool(value);
   } else if constexpr (std::is_same<T, int32_t>::value) {
@@ -113,7 +116,7 @@ bool SetIn(const std::map<std::string, T*>& variables, ParseOptions& parser,
     variable = parser.ToDouble(value);
   } else {
     if (!has_equal_sign) {
-      TARN_LOG_AS(ERROR, "SetOption")
+      reporter.Report(ERROR, {"value-missing", "write a value behind ="})
           << "Invalid option --" << key << " (option format is --x=y).";
     }
     variable = value;
@@ -123,7 +126,8 @@ bool SetIn(const std::map<std::string, T*>& variables, ParseOptions& parser,
 
 }  // namespace
 
-ParseOptions::ParseOptions(const char* usage) : usage_(usage) {
+ParseOptions::ParseOptions(const char* usage)
+    : usage_(usage), reporter_(std::make_shared<Reporter>()) {
   setlinebuf(stderr);
   RegisterStandard("config", &config_,
                    "Configuration file to read (this option may be repeated)");
@@ -133,7 +137,10 @@ ParseOptions::ParseOptions(const char* usage) : usage_(usage) {
 }
 
 ParseOptions::ParseOptions(const std::string& prefix, ParseOptions* other)
-    : print_args_(false), prefix_(prefix), other_parser_(other) {
+    : print_args_(false),
+      prefix_(prefix),
+      other_parser_(other),
+      reporter_(std::make_shared<Reporter>()) {
   if (other == nullptr) return;
   if (other->other_parser_ != nullptr) other_parser_ = other->other_parser_;
   if (!other->prefix_.empty()) prefix_ = other->prefix_ + "." + prefix;
@@ -254,32 +261,68 @@ void ParseOptions::ReadPositionals(int32_t first) {
 }
 
 void ParseOptions::ReadConfigFile(const std::string& filename, bool scrambled) {
+  ReadConfigFile(filename, scrambled, Reporter());
+}
+
+void ParseOptions::ReadConfigFile(const std::string& filename, bool scrambled,
+                                  const Reporter& reporter) {
   std::ifstream is(filename);
   is.peek();  // What opens but cannot be read, a folder, shows only now.
   if (!is.is_open() || is.bad()) {
-    TARN_LOG(ERROR) << "Cannot open config file: " << filename;
+    reporter.As(__func__).Report(ERROR, {"file", "name a readable file"})
+        << "Cannot open config file: " << filename;
     return;
   }
+  const std::shared_ptr<const Reporter> before = reporter_;
   std::string line;
   for (int32_t number = 1; ReadLine(is, line, scrambled); ++number) {
     line.erase(std::min(line.find('#'), line.size()));
     Trim(line);
     if (line.empty()) continue;
-    if (!BeginsWithDashes(line)) {
-      TARN_LOG(ERROR) << "Reading config file " << filename << ": line "
-                      << number << " does not look like a line "
-                      << "from a Kaldi command-line program's config file: "
-                      << "should be of the form --x=y.  Note: config files "
-                      << "intended to be sourced by shell scripts lack the "
-                      << "'--'.";
-    }
-    const Argument argument = ParseArgument(line);
-    if (!SetOption(argument.key, argument.value, argument.has_equal_sign)) {
-      PrintUsage(true);
-      TARN_LOG(ERROR) << "Invalid option " << line << " in config file "
-                      << filename;
-    }
+    reporter_ = std::make_shared<Reporter>(reporter.About("", number));
+    ReadConfigLine(line, number, filename);
   }
+  reporter_ = before;
+}
+
+void ParseOptions::ReadConfigLine(const std::string& line, int32_t number,
+                                  const std::string& filename) {
+  const Reporter reporter = reporter_->As("ReadConfigFile");
+  if (!BeginsWithDashes(line)) {
+    reporter.Report(ERROR, {"dashes", "begin the line with --"})
+        << "Reading config file " << filename << ": line " << number
+        << " does not look like a line "
+        << "from a Kaldi command-line program's config file: should "
+        << "be of the form --x=y.  Note: config files intended to "
+        << "be sourced by shell scripts lack the '--'.";
+  }
+  const Argument argument = ParseArgument(line);
+  reporter_ = std::make_shared<Reporter>(reporter.About(argument.key, number));
+  if (!SetOption(argument.key, argument.value, argument.has_equal_sign)) {
+    PrintUsageForLog();
+    reporter.Report(ERROR, {"option", "remove the line, or mend the name"})
+        << "Invalid option " << line << " in config file " << filename;
+    return;
+  }
+  NoteLine(argument.key, number);
+}
+
+// Remembers where an option is set, and warns of a second time unless that is
+// for the log, where the last one quietly wins.
+void ParseOptions::NoteLine(const std::string& key, int32_t number) {
+  const auto inserted = lines_.emplace(key, number);
+  if (inserted.second) return;
+  if (!reporter_->Logs()) {
+    reporter_->Report(WARNING, {"option-repeated", "keep one of the lines"})
+        << "--" << key << " is set again, after line " << inserted.first->second
+        << ".";
+  }
+  inserted.first->second = number;
+}
+
+// Usage goes with problems that are logged.
+void ParseOptions::PrintUsageForLog() {
+  if (reporter_->Logs()) PrintUsage(true);
 }
 
 int32_t ParseOptions::NumArgs() const {
@@ -375,8 +418,9 @@ void ParseOptions::SplitLongArg(const std::string& in, std::string* key,
                                 std::string* value, bool* has_equal_sign) {
   const size_t equal = in.find('=');
   if (equal == kDashesLength) {
-    PrintUsage(true);
-    TARN_LOG(ERROR) << "Invalid option (no key): " << in;
+    PrintUsageForLog();
+    reporter_->As(__func__).Report(ERROR, {"key", "write a name before ="})
+        << "Invalid option (no key): " << in;
     return;
   }
   *has_equal_sign = equal != std::string::npos;
@@ -403,9 +447,11 @@ ParseOptions::Argument ParseOptions::ParseArgument(const std::string& text) {
 
 bool ParseOptions::SetOption(const std::string& key, const std::string& value,
                              bool has_equal_sign) {
+  const Reporter reporter = reporter_->As(__func__);
   return std::apply(
       [&](const auto&... maps) {
-        return (SetIn(maps, *this, key, value, has_equal_sign) || ...);
+        return (SetIn(maps, *this, key, value, has_equal_sign, reporter) ||
+                ...);
       },
       variables_);
 }
@@ -416,27 +462,31 @@ bool ParseOptions::ToBool(std::string text) {
   }
   if (text == "true" || text == "t" || text == "1" || text.empty()) return true;
   if (text == "false" || text == "f" || text == "0") return false;
-  PrintUsage(true);
-  TARN_LOG(ERROR) << "Invalid format for boolean argument [expected true or "
-                  << "false]: " << text;
+  PrintUsageForLog();
+  reporter_->As(__func__).Report(ERROR, {"boolean", "write true or false"})
+      << "Invalid format for boolean argument [expected true or false]: "
+      << text;
   return false;
 }
 
 int32_t ParseOptions::ToInt(const std::string& text) {
-  return ToNumber<int32_t>(text, ConvertStringToInteger, "integer", __func__);
+  return ToNumber<int32_t>(text, ConvertStringToInteger, "integer",
+                           reporter_->As(__func__));
 }
 
 uint32_t ParseOptions::ToUint(const std::string& text) {
-  return ToNumber<uint32_t>(text, ConvertStringToInteger, "integer", __func__);
+  return ToNumber<uint32_t>(text, ConvertStringToInteger, "integer",
+                            reporter_->As(__func__));
 }
 
 float ParseOptions::ToFloat(const std::string& text) {
-  return ToNumber<float>(text, ConvertStringToReal, "floating-point", __func__);
+  return ToNumber<float>(text, ConvertStringToReal, "floating-point",
+                         reporter_->As(__func__));
 }
 
 double ParseOptions::ToDouble(const std::string& text) {
   return ToNumber<double>(text, ConvertStringToReal, "floating-point",
-                          __func__);
+                          reporter_->As(__func__));
 }
 
 }  // namespace tarn

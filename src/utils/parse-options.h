@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <istream>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <tuple>
@@ -12,6 +13,8 @@
 #include "utils/export.h"
 
 namespace tarn {
+
+class Reporter;
 
 // Fills registered variables from command lines (--name=value) and from
 // configuration files of such lines, plain or scrambled.
@@ -55,6 +58,15 @@ class TARN_EXPORT ParseOptions {
   // comment; `scrambled` tells that it is stored as ReadLine() says.
   void ReadConfigFile(const std::string& filename, bool scrambled);
 
+  // The same, with every problem told to `reporter`; without printing the usage
+  // when that one does not log.
+  void ReadConfigFile(const std::string& filename, bool scrambled,
+                      const Reporter& reporter);
+
+  // The line of the last file read that gave each option, by normalised name.
+  const std::map<std::string, int32_t>& lines() const { return lines_; }
+
+  // How many positional arguments there are.
   int32_t NumArgs() const;
 
   // The positional argument `i`, counted from 1; empty, with an ERROR, where
@@ -79,17 +91,19 @@ class TARN_EXPORT ParseOptions {
 
   // What an option's help line is made of.
   struct DocInfo {
+    // An empty one, or one of these parts.
     DocInfo() = default;
     DocInfo(const std::string& option, const std::string& help, bool standard)
         : name(option), use_msg(help), is_standard(standard) {}
 
-    std::string name;     // As registered.
-    std::string use_msg;  // Help text with type and default.
-    bool is_standard = false;
+    std::string name;          // As registered.
+    std::string use_msg;       // Help text with type and default.
+    bool is_standard = false;  // Registered by the parser itself.
   };
 
   // The steps that the operations above are made of.
 
+  // Registers an option here, or forwards it.
   template <typename T>
   void RegisterTmpl(const std::string& name, T* ptr, const std::string& doc) {
     if (other_parser_ == nullptr) {
@@ -98,11 +112,16 @@ class TARN_EXPORT ParseOptions {
       other_parser_->RegisterTmpl(prefix_ + "." + name, ptr, doc);
     }
   }
+
+  // As RegisterTmpl(), here and not at another parser.
   template <typename T>
   void RegisterStandard(const std::string& name, T* ptr,
                         const std::string& doc) {
     RegisterCommon(name, ptr, doc, true);
   }
+
+  // Binds an option to *ptr and makes its help line; `idx` is the normalised
+  // name.
   template <typename T>
   void RegisterCommon(const std::string& name, T* ptr, const std::string& doc,
                       bool is_standard);
@@ -113,11 +132,13 @@ class TARN_EXPORT ParseOptions {
   // Splits "--key=value". With an empty key nothing is set and an ERROR logged.
   void SplitLongArg(const std::string& in, std::string* key, std::string* value,
                     bool* has_equal_sign);
+  // Makes it lower case, with '-' for '_'.
   void NormalizeArgName(std::string* name);
   // Returns false when no option is named `key`, which must be normalised.
   bool SetOption(const std::string& key, const std::string& value,
                  bool has_equal_sign);
 
+  // The value of a text; false or 0, with an ERROR, where it has none.
   bool ToBool(std::string text);
   int32_t ToInt(const std::string& text);
   uint32_t ToUint(const std::string& text);
@@ -145,6 +166,10 @@ class TARN_EXPORT ParseOptions {
   void ReadConfigFilesAndHelp();
   int32_t ReadOptions();  // Returns the index of the first argument behind.
   void ReadPositionals(int32_t first);
+  void ReadConfigLine(const std::string& line, int32_t number,
+                      const std::string& filename);
+  void NoteLine(const std::string& key, int32_t number);
+  void PrintUsageForLog();
   void PrintOptions(const char* title, bool standard);
   void PrintCommandLine();
 
@@ -159,6 +184,10 @@ class TARN_EXPORT ParseOptions {
   const char* const* argv_ = nullptr;
   std::string prefix_;
   ParseOptions* other_parser_ = nullptr;
+  std::map<std::string, int32_t> lines_;
+  // Where problems of the line at hand go; the log unless a file is read for a
+  // list. Never null.
+  std::shared_ptr<const Reporter> reporter_;
 };
 
 }  // namespace tarn

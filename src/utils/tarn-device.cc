@@ -3,7 +3,7 @@
 #include <cctype>
 #include <stdexcept>
 
-#include "utils/logging.h"
+#include "utils/parse-device.h"
 
 namespace tarn {
 
@@ -34,17 +34,26 @@ bool ParseIndex(const std::string& text, int32_t& index) {
 
 }  // namespace
 
-Device::Device(const std::string& text) {
+bool ParseDevice(const std::string& text, const Reporter& reporter,
+                 Device& device) {
   std::string lower = text;
   for (char& c : lower) {
     c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   }
   const size_t colon = lower.find(':');
   const bool numbered = colon != std::string::npos;
-  if (!ParseKind(lower.substr(0, colon), kind) ||
-      !ParseIndex(numbered ? lower.substr(colon + 1) : "0", index)) {
-    TARN_LOG(FATAL) << "invalid device: '" << text << "'.";
+  const bool valid =
+      ParseKind(lower.substr(0, colon), device.kind) &&
+      ParseIndex(numbered ? lower.substr(colon + 1) : "0", device.index);
+  if (!valid) {
+    reporter.As("Device").Report(FATAL, {"device", "use cpu, cuda:0 or htp"})
+        << "invalid device: '" << text << "'.";
   }
+  return valid;
+}
+
+Device::Device(const std::string& text) {
+  ParseDevice(text, Reporter(), *this);
 }
 
 std::string Device::ToString() const {

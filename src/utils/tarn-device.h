@@ -10,11 +10,14 @@ namespace tarn {
 
 // The device a model runs on; a plain value.
 struct TARN_EXPORT Device {
+  // What sort of device it is.
   enum Kind : int32_t {
     CPU = 0,
     CUDA = 1,
     HTP = 2,
   };
+
+  Device() = default;
 
   // Parses "cpu", "cuda" or "htp" in any case, with ":<number>" behind it for
   // another device than number 0. FATAL for any other text.
@@ -23,8 +26,8 @@ struct TARN_EXPORT Device {
   // "cpu", "cuda:" and the index, "htp", or "unknow" for any other kind.
   std::string ToString() const;
 
-  Kind kind = CPU;
-  int32_t index = 0;
+  Kind kind = CPU;    // CPU unless told otherwise.
+  int32_t index = 0;  // Which one of its kind, from 0.
 };
 
 }  // namespace tarn

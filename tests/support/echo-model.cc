@@ -1,5 +1,7 @@
 #include "support/echo-model.h"
 
+#include <stdexcept>
+
 #include <utility>
 
 namespace tarn {
@@ -26,6 +28,13 @@ ModelOptions EchoOptions(const std::string& batch) {
   return options;
 }
 
+ModelOptions InferThreadOptions(const std::string& batch, int interval) {
+  ModelOptions options = EchoOptions(batch);
+  options.infer_thread = true;
+  options.infer_interval = interval;
+  return options;
+}
+
 EchoModel::EchoModel(std::shared_ptr<ModelInfo> info, SharedQueue queue)
     : BaseModel(std::move(info), Device("cpu"), std::move(queue)) {
   StartInferThread();
@@ -45,11 +54,16 @@ void EchoModel::RunOn(bool batched, const std::vector<BaseProxy*>& proxies) {
   }
   std::this_thread::yield();  // Gives others the chance to break in.
   runs_.push_back({batched, proxies, std::this_thread::get_id()});
+  const bool fails = fails_next_.exchange(false);
   for (BaseProxy* proxy : proxies) {
     Tensor y = proxy->CreateOutput("y", {1});
     y.Fill(*proxy->GetInput("x").Data<float>() +
            *proxy->GetCache("sum").Data<float>());
     proxy->SetOutput("y", y);
+    if (fails) {
+      is_computing_ = false;
+      throw std::runtime_error("a broken run");
+    }
     Tensor sum = proxy->CreateCache("sum", {1});
     sum.Copy(y);
     proxy->SetCache("sum", sum);

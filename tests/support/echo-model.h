@@ -17,6 +17,12 @@ namespace tarn {
 // of size `batch`: a number, a range such as 1-4, or empty for none.
 ModelOptions EchoOptions(const std::string& batch);
 
+// The same with an inference thread that waits `interval` microseconds.
+ModelOptions InferThreadOptions(const std::string& batch, int interval);
+
+// Longer than any test may take: a thread that sleeps through it hangs.
+constexpr int kTenMinutes = 600 * 1000 * 1000;
+
 // A backend without an engine, for tests of what surrounds one.
 class EchoModel : public BaseModel {
  public:
@@ -48,6 +54,9 @@ class EchoModel : public BaseModel {
   void AwaitRunAtGate() { run_at_gate_.Wait(); }
   void OpenGate() { gate_opened_.Signal(); }
 
+  // The next run throws when its first request has an output.
+  void FailNextRun() { fails_next_ = true; }
+
   // Every run so far. Not locked: runs must not overlap, and nobody may look
   // during one.
   const std::vector<Run>& runs() const { return runs_; }
@@ -61,6 +70,7 @@ class EchoModel : public BaseModel {
   std::atomic<bool> is_computing_{false};
   std::atomic<bool> has_overlapped_{false};
   std::atomic<bool> gate_is_closed_{false};
+  std::atomic<bool> fails_next_{false};
   Semaphore run_at_gate_;
   Semaphore gate_opened_;
 };

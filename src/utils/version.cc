@@ -1,0 +1,7 @@
+#include "utils/version.h"
+
+namespace tarn {
+
+const char* Version() { return TARN_VERSION; }
+
+}  // namespace tarn
