@@ -192,20 +192,29 @@ def audio_input(places):
 
 
 def read_wav(path):
-    """Samples of the first channel, -1 to 1."""
+    """Samples of the first channel, -1 to 1, of a PCM file of any width."""
     try:
         with wave.open(path) as file:
-            if file.getsampwidth() != 2:
-                raise PrepareError(f"{path} has no 16-bit samples: convert it")
             data = file.readframes(file.getnframes())
-            samples = np.frombuffer(data, "<i2")[:: file.getnchannels()]
+            samples = pcm_samples(data, file.getsampwidth())
+            samples = samples[:: file.getnchannels()]
     except (OSError, EOFError, wave.Error) as error:
         raise PrepareError(
-            f"{path} cannot be read as WAV ({error}): give a 16-bit PCM file"
+            f"{path} cannot be read as WAV ({error}): give a PCM file"
         ) from error
     if not samples.size:
         raise PrepareError(f"{path} holds no audio: give a longer file")
-    return samples / 32768
+    return samples
+
+
+def pcm_samples(data, width):
+    """Samples of `width` bytes, little-endian; a single byte is unsigned."""
+    octets = np.frombuffer(data, "u1").reshape(-1, width)
+    if width == 1:
+        octets = octets ^ 0x80
+    wide = np.zeros((len(octets), 4), "u1")
+    wide[:, 4 - width :] = octets
+    return wide.view("<i4")[:, 0] / 2**31
 
 
 def run_alone(side, chunks):

@@ -18,6 +18,7 @@ import pytest
 from tarn_prepare import caches, cli, prepare, proof
 
 RUN_STREAMS = os.environ.get("TARN_RUN_STREAMS")
+CHECK = os.environ.get("TARN_TOOL")  # The tool that checks descriptions.
 PACKAGE = pathlib.Path(cli.__file__).parent.parent
 CHUNKS = (5, 2, 4, 3)  # Of each stream.
 
@@ -127,6 +128,10 @@ def tool(model, directory, arguments=""):
     status = cli.main(
         [str(model), "-o", paths[0], "--config", paths[1], *arguments.split()]
     )
+    if status == 0 and CHECK:
+        command = [CHECK, "check", paths[1], paths[0]]
+        checked = subprocess.run(command, capture_output=True, text=True)
+        assert checked.returncode == 0, checked.stdout
     return status, paths
 
 
@@ -274,6 +279,17 @@ def test_batched_equals_alone(name, run, tmp_path):
                 )
 
 
+@pytest.mark.parametrize("width", [1, 2, 3, 4])
+def test_reads_audio_of_any_width(width, tmp_path):
+    path = str(tmp_path / "a.wav")
+    # The top bytes of little-endian samples: 0, a half, minus a half.
+    tops = [0x80, 0xC0, 0x40] if width == 1 else [0, 0x40, 0xC0]
+    with wave.open(path, "wb") as file:
+        file.setparams((1, width, 8000, 0, "NONE", ""))
+        file.writeframes(b"".join(bytes([0] * (width - 1) + [t]) for t in tops))
+    assert list(proof.read_wav(path)) == [0, 0.5, -0.5]
+
+
 def test_a_fitting_model_is_copied(tmp_path):
     path = awkward.save(awkward.fitting(), tmp_path / "model.onnx")
     _, paths = tool(path, tmp_path, "--batch 2-64 --interval 7")
@@ -366,7 +382,7 @@ REFUSED = [
     (awkward.fitting, "--initial sum_in=[1,2]", r"give \[4\] or one number"),
     (awkward.fitting, "--batch 8-1", r"--batch 8-1 is no range"),
     (awkward.fitting, "--fix batch", r"--fix batch is not understood"),
-    (awkward.fitting, "--wav missing.wav", r"give a 16-bit PCM file"),
+    (awkward.fitting, "--wav missing.wav", r"give a PCM file"),
     (awkward.fitting, "--report /nowhere/r.html", r"cannot be written"),
     (awkward.fitting, "--report /tmp", r"/tmp cannot be written .*directory"),
     (awkward.torch_lstm, LSTM + " --initial h0=nan", r"initial value"),
