@@ -100,17 +100,14 @@ void CheckSizes(const TensorInfo& tensor, const ModelInfo& info,
 }
 
 void CheckAllSizes(const ModelInfo& info, const Reporter& reporter) {
-  for (unsigned int i = 0; i < info.GetInputNum(); ++i) {
-    CheckSizes(*info.FindInput(info.GetInputName(i)), info,
-               reporter.About("inputs-shape"));
+  for (const TensorInfo& input : info.inputs()) {
+    CheckSizes(input, info, reporter.About("inputs-shape"));
   }
-  for (unsigned int i = 0; i < info.GetOutputNum(); ++i) {
-    CheckSizes(*info.FindOutput(info.GetOutputName(i)), info,
-               reporter.About("outputs-shape"));
+  for (const TensorInfo& output : info.outputs()) {
+    CheckSizes(output, info, reporter.About("outputs-shape"));
   }
-  for (unsigned int i = 0; i < info.GetCacheNum(); ++i) {
-    CheckSizes(*info.FindCache(info.GetCacheName(i, false)), info,
-               reporter.About("caches-shape"));
+  for (const TensorInfo& cache : info.caches()) {
+    CheckSizes(cache, info, reporter.About("caches-shape"));
   }
 }
 

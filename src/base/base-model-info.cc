@@ -59,6 +59,7 @@ ModelInfo::ModelInfo(const ModelOptions& options, const Reporter& reporter)
   ReadCacheOptions(options, reporter.As("ReadCacheOptions"));
   ReadDimensionOptions(options, reporter.As("ReadDimensionOptions"));
   CheckScheduling(reporter.As("ModelInfo"));
+  NumberSlots();
 }
 
 ModelInfo::~ModelInfo() = default;
@@ -209,6 +210,12 @@ bool ModelInfo::AddEntry(const std::string& name, const Texts& texts,
   return true;
 }
 
+void ModelInfo::NumberSlots() {
+  for (Table* table : {&inputs_, &outputs_, &caches_}) {
+    for (TensorInfo& entry : table->entries) entry.slot = slot_num_++;
+  }
+}
+
 void ModelInfo::MarkUnusable(const std::set<std::string>& names) {
   unusable_.insert(names.begin(), names.end());
 }
@@ -312,6 +319,21 @@ const TensorInfo* ModelInfo::FindCache(const std::string& name) const {
   if (by_input_side != nullptr) return by_input_side;
   const auto pair = cache_pairs_.find(name);
   return pair == cache_pairs_.end() ? nullptr : caches_.Find(pair->second);
+}
+
+const TensorInfo& ModelInfo::InputAt(const std::string& name,
+                                     const char* function) const {
+  return inputs_.At(name, function);
+}
+
+const TensorInfo& ModelInfo::OutputAt(const std::string& name,
+                                      const char* function) const {
+  return outputs_.At(name, function);
+}
+
+const TensorInfo& ModelInfo::CacheAt(const std::string& name,
+                                     const char* function) const {
+  return caches_.At(GetCacheName(name), function);
 }
 
 const std::string& ModelInfo::GetCacheName(unsigned int index,
@@ -506,11 +528,11 @@ bool ModelInfo::CheckEntry(const TensorInfo& entry,
          CheckShape(shape, entry.shape, entry.format);
 }
 
-std::vector<int> ModelInfo::Bounded(const TensorInfo& entry, bool max) const {
-  std::vector<int> shape = entry.shape;
+std::vector<int> ModelInfo::Bounded(const TensorInfo& tensor, bool max) const {
+  std::vector<int> shape = tensor.shape;
   for (size_t i = 0; i < shape.size(); ++i) {
     if (shape[i] != -1) continue;
-    const std::pair<int, int> range = GetDimensionRange(entry.format[i]);
+    const std::pair<int, int> range = GetDimensionRange(tensor.format[i]);
     shape[i] = max ? range.second : range.first;
   }
   return shape;

@@ -1,6 +1,7 @@
 #ifndef TARN_BASE_BASE_MODEL_INFO_H_
 #define TARN_BASE_BASE_MODEL_INFO_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -25,6 +26,7 @@ struct TensorInfo {
   std::vector<std::string> format;  // The names of its dimensions.
   std::vector<int> shape;           // Their sizes, -1 where dynamic.
   Tensor::DataType data_type;       // Of its elements.
+  size_t slot = 0;  // Its place among all inputs, outputs and caches.
 };
 
 // The validated description of one model: names, shapes, formats and data types
@@ -72,6 +74,21 @@ class TARN_EXPORT ModelInfo {
   const TensorInfo* FindOutput(const std::string& name) const;
   const TensorInfo* FindCache(const std::string& name) const;
 
+  // The same; a name that the model does not have is reported in the name of
+  // `function`.
+  const TensorInfo& InputAt(const std::string& name,
+                            const char* function) const;
+  const TensorInfo& OutputAt(const std::string& name,
+                             const char* function) const;
+  const TensorInfo& CacheAt(const std::string& name,
+                            const char* function) const;
+
+  // All of them, by index.
+  const std::vector<TensorInfo>& inputs() const { return inputs_.entries; }
+  const std::vector<TensorInfo>& outputs() const { return outputs_.entries; }
+  const std::vector<TensorInfo>& caches() const { return caches_.entries; }
+  size_t slot_num() const { return slot_num_; }  // How many there are.
+
   // The name at an index.
   const std::string& GetInputName(unsigned int index) const;
   const std::string& GetOutputName(unsigned int index) const;
@@ -96,6 +113,8 @@ class TARN_EXPORT ModelInfo {
   std::vector<int> GetOutputShape(const std::string& name, bool max) const;
   std::vector<int> GetCacheShape(unsigned int index, bool max) const;
   std::vector<int> GetCacheShape(const std::string& name, bool max) const;
+
+  std::vector<int> Bounded(const TensorInfo& tensor, bool max) const;
 
   // The names of all dimensions.
   const std::vector<std::string>& GetInputFormat(unsigned int index) const;
@@ -203,12 +222,12 @@ class TARN_EXPORT ModelInfo {
   void ReadDimensions(const Table& table, const char* difference,
                       const Entries<std::pair<int, int>>& ranges,
                       const Reporter& reporter);
+  void NumberSlots();
   void MarkUnusable(const std::set<std::string>& names);
   void CheckBatchDimension(const Reporter& reporter) const;
 
   bool CheckEntry(const TensorInfo& entry, const std::vector<int>& shape,
                   Tensor::DataType data_type) const;
-  std::vector<int> Bounded(const TensorInfo& entry, bool max) const;
 
   Table inputs_{"input", "an input", {}, {}};
   Table outputs_{"output", "an output", {}, {}};
@@ -219,6 +238,7 @@ class TARN_EXPORT ModelInfo {
   std::map<std::string, std::pair<int, int>> ranges_;
   std::set<std::string> unusable_;  // An empty name stands for unknown ones.
   std::string batch_dim_;
+  size_t slot_num_ = 0;
   bool has_batch_dimension_ = false;
   bool multi_threads_ = false;
   bool infer_thread_ = false;

@@ -26,7 +26,7 @@ bool HasAtMost(unsigned int limit, const std::vector<int>& shape) {
 Proxy::~Proxy() = default;
 
 BaseProxy::BaseProxy(BaseModel* model, ModelInfo* info)
-    : model_(model), info_(info) {}
+    : model_(model), info_(info), slots_(info->slot_num()) {}
 
 BaseProxy::~BaseProxy() = default;
 
@@ -185,11 +185,12 @@ bool BaseProxy::HasInput(const std::string& name) {
 }
 
 bool BaseProxy::HasOutput(const std::string& name) {
-  return outputs_.Find(name) != nullptr;
+  const TensorInfo* output = info_->FindOutput(name);
+  return output != nullptr && Held(*output) != nullptr;
 }
 
 bool BaseProxy::HasCache(const std::string& name) {
-  return caches_.Find(info_->GetCacheName(name)) != nullptr;
+  return Held(info_->CacheAt(name, __func__)) != nullptr;
 }
 
 void BaseProxy::FixDimension(const std::string& name, int value) {
@@ -210,31 +211,30 @@ void BaseProxy::FixDimension(const std::string& name, int value) {
 // silenced.
 
 void BaseProxy::SetInput(const std::string& name, const Tensor& tensor) {
-  const TensorInfo* info = info_->FindInput(name);
-  if (info == nullptr || !Fits(tensor, *info)) {
+  const TensorInfo& input = info_->InputAt(name, "GetInputDataType");
+  if (!Fits(tensor, input)) {
     ReportMisfit({__func__, "set input:", ""}, name, tensor,
                  GetInputDataType(name), GetInputShape(name));
   }
-  inputs_.Set(name, tensor);
+  Hold(input, tensor);
 }
 
 void BaseProxy::SetOutput(const std::string& name, const Tensor& tensor) {
-  const TensorInfo* info = info_->FindOutput(name);
-  if (info == nullptr || !Fits(tensor, *info)) {
+  const TensorInfo& output = info_->OutputAt(name, "GetOutputDataType");
+  if (!Fits(tensor, output)) {
     ReportMisfit({__func__, "set output:", ""}, name, tensor,
                  GetOutputDataType(name), GetOutputShape(name));
   }
-  outputs_.Set(name, tensor);
+  Hold(output, tensor);
 }
 
 void BaseProxy::SetCache(const std::string& name, const Tensor& tensor) {
-  const std::string& key = info_->GetCacheName(name);
-  const TensorInfo* info = info_->FindCache(key);
-  if (info == nullptr || !Fits(tensor, *info)) {
-    ReportMisfit({__func__, "set cache:", ""}, key, tensor,
-                 GetCacheDataType(key), GetCacheShape(key));
+  const TensorInfo& cache = info_->CacheAt(name, "GetCacheDataType");
+  if (!Fits(tensor, cache)) {
+    ReportMisfit({__func__, "set cache:", ""}, cache.name, tensor,
+                 GetCacheDataType(cache.name), GetCacheShape(cache.name));
   }
-  caches_.Set(key, tensor);
+  Hold(cache, tensor);
 }
 
 // Whether a tensor has the type and this stream's shape of what `info` tells
@@ -277,24 +277,23 @@ void BaseProxy::ReportMisfit(const Words& words, const std::string& name,
 }
 
 const Tensor& BaseProxy::GetInput(const std::string& name) const {
-  return Get(inputs_, name, name, "input", __func__);
+  return Get(info_->FindInput(name), name, "input", __func__);
 }
 
 const Tensor& BaseProxy::GetOutput(const std::string& name) const {
-  return Get(outputs_, name, name, "output", __func__);
+  return Get(info_->FindOutput(name), name, "output", __func__);
 }
 
 const Tensor& BaseProxy::GetCache(const std::string& name) const {
-  return Get(caches_, info_->GetCacheName(name), name, "cache", __func__);
+  return Get(&info_->CacheAt(name, __func__), name, "cache", __func__);
 }
 
-// Looks `key` up on behalf of `function`, which calls it `shown`.
-const Tensor& BaseProxy::Get(const Tensors& tensors, const std::string& key,
-                             const std::string& shown, const char* noun,
-                             const char* function) {
-  const Tensor* found = tensors.Find(key);
-  if (found != nullptr) return *found;
-  TARN_LOG_AS(FATAL, function) << "missing " << noun << ":" << shown << ".";
+// What is set in `info`, if that is not null, on behalf of `function`.
+const Tensor& BaseProxy::Get(const TensorInfo* info, const std::string& name,
+                             const char* noun, const char* function) const {
+  const Tensor* held = info == nullptr ? nullptr : Held(*info);
+  if (held != nullptr) return *held;
+  TARN_LOG_AS(FATAL, function) << "missing " << noun << ":" << name << ".";
   // Reached only when the log level silences fatal checks.
   throw std::out_of_range("map::at:  key not found");
 }
@@ -304,90 +303,70 @@ const Tensor& BaseProxy::Get(const Tensors& tensors, const std::string& key,
 Tensor BaseProxy::CreateInput(const std::string& name,
                               const std::vector<int>& shape) {
   return Create({__func__, "create input: ", "smaller than "}, name, shape,
-                BufferOf(name, input_buffers_, [&] {
-                  return Largest(info_->GetInputShape(name, true),
-                                 info_->GetInputDataType(name));
-                }));
+                BlockOf(info_->InputAt(name, "GetInputShape")));
 }
 
 Tensor BaseProxy::CreateOutput(const std::string& name,
                                const std::vector<int>& shape) {
   return Create({__func__, "create output: ", "small than "}, name, shape,
-                OutputBuffer(name));
+                BlockOf(info_->OutputAt(name, "GetOutputShape")));
 }
 
 Tensor BaseProxy::CreateCache(const std::string& name,
                               const std::vector<int>& shape) {
+  const TensorInfo& cache = info_->CacheAt(name, "GetCacheShape");
   return Create({__func__, "create output: ", "smaler than "}, name, shape,
-                CacheBuffer(name));
+                BlockOf(cache, name == cache.name ? CACHE_IN : CACHE_OUT));
 }
 
-const Tensor& BaseProxy::OutputBuffer(const std::string& name) {
-  return BufferOf(name, output_buffers_, [&] {
-    return Largest(info_->GetOutputShape(name, true),
-                   info_->GetOutputDataType(name));
-  });
-}
-
-const Tensor& BaseProxy::CacheBuffer(const std::string& name) {
-  return BufferOf(name, cache_buffers_, [&] {
-    return Largest(info_->GetCacheShape(name, true),
-                   info_->GetCacheDataType(name));
-  });
-}
-
-const Tensor& BaseProxy::OutputToFill(const std::string& name, Tensor& view) {
-  const TensorInfo* info = info_->FindOutput(name);
-  const Tensor& buffer = OutputBuffer(name);
-  if (info != nullptr && Fits(buffer, *info)) return buffer;
-  view = CreateOutput(name, GetOutputShape(name));
+const Tensor& BaseProxy::OutputToFill(const TensorInfo& output, Tensor& view) {
+  const Tensor& block = BlockOf(output);
+  if (Fits(block, output)) return block;
+  view = View(block, GetOutputShape(output.name));
   return view;
 }
 
-const Tensor& BaseProxy::CacheToFill(const std::string& name, Tensor& view) {
-  const TensorInfo* info = info_->FindCache(name);
-  const Tensor& buffer = CacheBuffer(name);
-  if (info != nullptr && Fits(buffer, *info)) return buffer;
-  view = CreateCache(name, GetCacheShape(name));
+const Tensor& BaseProxy::CacheToFill(const TensorInfo& cache, CacheSide side,
+                                     Tensor& view) {
+  const Tensor& block = BlockOf(cache, side);
+  if (Fits(block, cache)) return block;
+  view = View(block, GetCacheShape(cache.name));
   return view;
 }
 
-Tensor BaseProxy::Largest(const std::vector<int>& described,
-                          Tensor::DataType data_type) const {
-  return Tensor(WithoutBatch(described), data_type, Tensor::HOST);
+const Tensor& BaseProxy::BlockOf(const TensorInfo& info, CacheSide side) {
+  Tensor& block = slots_[info.slot].blocks[side];
+  if (block.Data() == nullptr) {
+    block.Resize(WithoutBatch(info_->Bounded(info, true)), info.data_type,
+                 Tensor::HOST);
+  }
+  return block;
 }
 
-// The block of that name, which is made when there is none.
-template <typename MakeBuffer>
-const Tensor& BaseProxy::BufferOf(const std::string& name, Buffers& buffers,
-                                  MakeBuffer make_buffer) {
-  const auto found = buffers.find(name);
-  if (found != buffers.end()) return found->second;
-  return buffers.emplace(name, make_buffer()).first->second;
-}
-
-// Gives the buffer's memory in another shape. The limit's order is that of
-// vectors, not element by element: it lets shapes through that hold more than
-// the buffer does. They get a block of their own.
+// The block's memory in a shape that somebody asks for.
 Tensor BaseProxy::Create(const Words& words, const std::string& name,
-                         const std::vector<int>& shape, const Tensor& buffer) {
-  const std::vector<int>& limit = buffer.GetShape();
+                         const std::vector<int>& shape, const Tensor& block) {
+  const std::vector<int>& limit = block.GetShape();
   if (shape.size() != limit.size() || limit < shape) {
     TARN_LOG_AS(FATAL, words.function)
         << "fail to " << words.action << name
         << " with shape=" << ConvertShapeToString(shape) << ", it should be "
         << words.comparison << ConvertShapeToString(limit);
   }
-  if (!HasAtMost(buffer.GetElementNum(), shape)) {
-    return Tensor(shape, buffer.GetDataType(), Tensor::HOST);
+  return View(block, shape);
+}
+
+// The limit's order is that of vectors, not element by element: it lets shapes
+// through that hold more than the block does. They get a block of their own.
+Tensor BaseProxy::View(const Tensor& block, const std::vector<int>& shape) {
+  if (!HasAtMost(block.GetElementNum(), shape)) {
+    return Tensor(shape, block.GetDataType(), Tensor::HOST);
   }
-  return Tensor(buffer.Data(), shape, buffer.GetDataType(), Tensor::HOST);
+  return Tensor(block.Data(), shape, block.GetDataType(), Tensor::HOST);
 }
 
 void BaseProxy::Reset() {
-  inputs_.Clear();
-  outputs_.Clear();
-  caches_.Clear();
+  for (Slot& slot : slots_) slot.Drop();
   fixed_dims_.clear();
   TARN_LOG(INFO) << "proxy:" << static_cast<const void*>(this)
                  << " has been reset.";
@@ -410,23 +389,22 @@ void BaseProxy::BeginRequest() {
     TARN_LOG_AS(FATAL, "Inference")
         << "proxy is in flight already, or given twice.";
   }
-  for (unsigned int i = 0; i < GetInputNum(); ++i) {
-    const std::string& name = GetInputName(i);
-    if (inputs_.Find(name) == nullptr) {
+  for (const TensorInfo& input : info_->inputs()) {
+    if (Held(input) == nullptr) {
       TARN_LOG_AS(FATAL, "Inference")
-          << "missing input:" << name << " when inference";
+          << "missing input:" << input.name << " when inference";
     }
   }
-  if (caches_.Empty()) ZeroCaches();
-  outputs_.Clear();
+  if (!HoldsAny(info_->caches())) ZeroCaches();
+  DropOutputs();
 }
 
 bool BaseProxy::EndRequest() {
-  inputs_.Clear();
+  DropAll(info_->inputs());
   TARN_LOG_AS(INFO, "Inference")
       << "proxy:" << static_cast<const void*>(this) << " inference finished.";
-  const bool has_outputs = !outputs_.Empty();
-  in_flight_ = false;
+  const bool has_outputs = HoldsAny(info_->outputs());
+  CancelRequest();
   return has_outputs;
 }
 
@@ -446,35 +424,40 @@ void BaseProxy::Complete() {
 }
 
 void BaseProxy::ZeroCaches() {
-  for (unsigned int i = 0; i < GetCacheNum(); ++i) {
-    const std::string& name = GetCacheName(i);
-    Tensor cache = CreateCache(name, GetCacheShape(i));
-    cache.Zeros();
-    caches_.Set(name, cache);
+  Tensor view;
+  for (const TensorInfo& info : info_->caches()) {
+    const Tensor& cache = CacheToFill(info, CACHE_IN, view);
+    Tensor(cache).Zeros();
+    Hold(info, cache);
   }
 }
 
-const Tensor* BaseProxy::Tensors::Find(const std::string& name) const {
-  const auto found = places_.find(name);
-  if (found == places_.end() || !found->second.is_held) return nullptr;
-  return &found->second.tensor;
+bool BaseProxy::HoldsAny(const std::vector<TensorInfo>& infos) const {
+  for (const TensorInfo& info : infos) {
+    if (Held(info) != nullptr) return true;
+  }
+  return false;
 }
 
-void BaseProxy::Tensors::Set(const std::string& name, const Tensor& tensor) {
-  Place& place = places_[name];
-  place.tensor = tensor;
-  if (!place.is_held) ++held_num_;
-  place.is_held = true;
+void BaseProxy::DropAll(const std::vector<TensorInfo>& infos) {
+  for (const TensorInfo& info : infos) slots_[info.slot].Drop();
 }
 
-void BaseProxy::Tensors::Clear() {
+void BaseProxy::Slot::Hold(const Tensor& tensor) {
+  if (&tensor == &blocks[CACHE_IN] || &tensor == &blocks[CACHE_OUT]) {
+    Drop();
+    held = &tensor;
+  } else {
+    given = tensor;
+    held = &given;
+  }
+}
+
+void BaseProxy::Slot::Drop() {
   // Copied, not moved: the shape's memory stays for the next tensor.
   static const Tensor kNone;
-  for (auto& named_place : places_) {
-    named_place.second.tensor = kNone;
-    named_place.second.is_held = false;
-  }
-  held_num_ = 0;
+  if (held == &given) given = kNone;
+  held = nullptr;
 }
 
 }  // namespace tarn

@@ -169,7 +169,7 @@ class TARN_EXPORT BaseProxy : public Proxy {
   bool EndRequest();
   // Instead of EndRequest() for a request that was not computed; the inputs
   // stay.
-  void CancelRequest() { in_flight_ = false; }
+  void CancelRequest() { in_flight_.store(false, std::memory_order_release); }
 
   // Tells whoever waits for the request that it has been computed: calls what
   // SetDone() has set, once and in this thread, or else notifies the caller.
@@ -178,16 +178,29 @@ class TARN_EXPORT BaseProxy : public Proxy {
   void SetDone(std::function<void(Proxy*, bool)> done);
 
   // After a failed computation of which some outputs are there.
-  void DropOutputs() { outputs_.Clear(); }
+  void DropOutputs() { DropAll(info_->outputs()); }
 
   // The model whose stream this is.
   BaseModel* model() const { return model_; }
 
+  // The same for backends that remember, rather than names, what `info` of the
+  // model's description tells of.
+
+  // The tensor that is set there; null for none.
+  const Tensor* Held(const TensorInfo& info) const {
+    return slots_[info.slot].held;
+  }
   // As CreateOutput() and CreateCache() for the stream's own shape, but without
   // making a tensor where the proxy has one of that shape; `view` is the place
   // for one where it has not.
-  const Tensor& OutputToFill(const std::string& name, Tensor& view);
-  const Tensor& CacheToFill(const std::string& name, Tensor& view);
+  enum CacheSide { CACHE_IN, CACHE_OUT };
+  const Tensor& OutputToFill(const TensorInfo& output, Tensor& view);
+  const Tensor& CacheToFill(const TensorInfo& cache, CacheSide side,
+                            Tensor& view);
+  // Sets what one of these has returned.
+  void Hold(const TensorInfo& info, const Tensor& tensor) {
+    slots_[info.slot].Hold(tensor);
+  }
 
   // Replaces each -1 of `shape` by the size to which the dimension named at its
   // place in `format` has been fixed.
@@ -195,24 +208,16 @@ class TARN_EXPORT BaseProxy : public Proxy {
                 std::vector<int>& shape) const;
 
  private:
-  using Buffers = std::map<std::string, Tensor>;
+  // What the stream has of one input, output or cache.
+  struct Slot {
+    void Hold(const Tensor& tensor);
+    void Drop();
 
-  // Tensors by name. One that is dropped leaves its place to the next of that
-  // name, so that the requests of a stream allocate nothing here.
-  class Tensors {
-   public:
-    bool Empty() const { return held_num_ == 0; }
-    const Tensor* Find(const std::string& name) const;  // Null for none.
-    void Set(const std::string& name, const Tensor& tensor);
-    void Clear();
-
-   private:
-    struct Place {
-      Tensor tensor;
-      bool is_held = false;
-    };
-    std::map<std::string, Place> places_;
-    size_t held_num_ = 0;
+    const Tensor* held = nullptr;  // What is set: null, `given` or a block.
+    Tensor given;                  // Of somebody else's memory.
+    // At the largest allowed shape; made when first asked for, they live as
+    // long as the proxy. A cache has one for each side.
+    Tensor blocks[2];
   };
 
   // How an operation's messages read.
@@ -231,30 +236,20 @@ class TARN_EXPORT BaseProxy : public Proxy {
   static void ReportMisfit(const Words& words, const std::string& name,
                            const Tensor& tensor, Tensor::DataType expected_type,
                            const std::vector<int>& expected_shape);
+  const Tensor& Get(const TensorInfo* info, const std::string& name,
+                    const char* noun, const char* function) const;
+  const Tensor& BlockOf(const TensorInfo& info, CacheSide side = CACHE_IN);
   static Tensor Create(const Words& words, const std::string& name,
-                       const std::vector<int>& shape, const Tensor& buffer);
-  static const Tensor& Get(const Tensors& tensors, const std::string& key,
-                           const std::string& shown, const char* noun,
-                           const char* function);
-  Tensor Largest(const std::vector<int>& described,
-                 Tensor::DataType data_type) const;
-  template <typename MakeBuffer>
-  static const Tensor& BufferOf(const std::string& name, Buffers& buffers,
-                                MakeBuffer make_buffer);
-  const Tensor& OutputBuffer(const std::string& name);
-  const Tensor& CacheBuffer(const std::string& name);
+                       const std::vector<int>& shape, const Tensor& block);
+  static Tensor View(const Tensor& block, const std::vector<int>& shape);
+  bool HoldsAny(const std::vector<TensorInfo>& infos) const;
+  void DropAll(const std::vector<TensorInfo>& infos);
   void ZeroCaches();
 
   BaseModel* model_;  // Not owned.
   ModelInfo* info_;   // Not owned.
-  Tensors inputs_;
-  Tensors outputs_;
-  Tensors caches_;  // By input-side name.
+  std::vector<Slot> slots_;
   std::map<std::string, int> fixed_dims_;
-  // Blocks at the largest allowed shapes; they live as long as the proxy.
-  Buffers input_buffers_;
-  Buffers output_buffers_;
-  Buffers cache_buffers_;  // By the name of the side they were created for.
   std::atomic<bool> in_flight_{false};
   std::function<void(Proxy*, bool)> done_;  // Empty for a caller that waits.
 };

@@ -65,8 +65,8 @@ void OnnxModel::LoadModel(const std::string& model) {
   std::vector<ONNXTensorElementDataType> input_types;
   std::vector<ONNXTensorElementDataType> output_types;
   CheckModel(session_, input_names, output_names, input_types, output_types);
-  inputs_ = MakePorts(input_names, input_types);
-  outputs_ = MakePorts(output_names, output_types);
+  inputs_ = MakePorts(input_names, input_types, &ModelInfo::FindInput);
+  outputs_ = MakePorts(output_names, output_types, &ModelInfo::FindOutput);
   if (info_->HasBatchDimension()) {
     AllocMemorys(memorys_);
     AllocNewCaches();
@@ -125,14 +125,13 @@ void OnnxModel::AllocNewCaches() {
 
 std::vector<OnnxModel::Port> OnnxModel::MakePorts(
     const std::vector<std::string>& names,
-    const std::vector<ONNXTensorElementDataType>& types) const {
+    const std::vector<ONNXTensorElementDataType>& types, Find find) const {
   std::vector<Port> ports;
   for (size_t i = 0; i < names.size(); ++i) {
-    const TensorInfo* cache = info_->FindCache(names[i]);
-    const bool is_cache = cache != nullptr && !info_->HasInput(names[i]) &&
-                          !info_->HasOutput(names[i]);
-    ports.push_back(
-        {names[i], is_cache ? cache->name : names[i], is_cache, types[i]});
+    const TensorInfo* info = ((*info_).*find)(names[i]);
+    const bool is_cache = info == nullptr;
+    if (is_cache) info = &info_->CacheAt(names[i], "LoadModel");
+    ports.push_back({names[i], info, is_cache, types[i]});
   }
   return ports;
 }
@@ -152,40 +151,35 @@ void OnnxModel::Compute(BaseProxy* proxy) {
   }
   if (!Run(binding, proxy)) return;
   for (const Port& port : outputs_) {
-    Keep(port, OutputOf(*proxy, port, view), *proxy);
+    proxy->Hold(*port.info, OutputOf(*proxy, port, view));
   }
 }
 
 const Tensor& OnnxModel::InputOf(const BaseProxy& proxy, const Port& port) {
-  return port.is_cache ? proxy.GetCache(port.key) : proxy.GetInput(port.key);
+  const Tensor* held = proxy.Held(*port.info);
+  if (held != nullptr) return *held;
+  return port.is_cache ? proxy.GetCache(port.name) : proxy.GetInput(port.name);
 }
 
 // The proxy's memory for an output or new state; the same until that is kept.
-// New state goes into the one of the cache's two buffers that does not hold the
+// New state goes into the one of the cache's two blocks that does not hold the
 // present one, which the engine may still read.
 const Tensor& OnnxModel::OutputOf(BaseProxy& proxy, const Port& port,
                                   Tensor& view) {
-  if (!port.is_cache) return proxy.OutputToFill(port.key, view);
-  const Tensor& buffer = proxy.CacheToFill(port.name, view);
-  if (buffer.Data() != proxy.GetCache(port.key).Data()) return buffer;
-  return proxy.CacheToFill(port.key, view);
+  if (!port.is_cache) return proxy.OutputToFill(*port.info, view);
+  const Tensor& block =
+      proxy.CacheToFill(*port.info, BaseProxy::CACHE_OUT, view);
+  if (block.Data() != InputOf(proxy, port).Data()) return block;
+  return proxy.CacheToFill(*port.info, BaseProxy::CACHE_IN, view);
 }
 
 // The proxy's memory for its row of an output or new state. The engine has done
 // with the present one.
 const Tensor& OnnxModel::RowOf(BaseProxy& proxy, const Port& port,
                                Tensor& view) {
-  return port.is_cache ? proxy.CacheToFill(port.key, view)
-                       : proxy.OutputToFill(port.key, view);
-}
-
-// Makes `output` the proxy's output, or its state.
-void OnnxModel::Keep(const Port& port, const Tensor& output, BaseProxy& proxy) {
-  if (port.is_cache) {
-    proxy.SetCache(port.key, output);
-  } else {
-    proxy.SetOutput(port.key, output);
-  }
+  return port.is_cache
+             ? proxy.CacheToFill(*port.info, BaseProxy::CACHE_IN, view)
+             : proxy.OutputToFill(*port.info, view);
 }
 
 void OnnxModel::Compute(const std::vector<BaseProxy*>& proxies) {
@@ -197,7 +191,7 @@ void OnnxModel::Compute(const std::vector<BaseProxy*>& proxies) {
   if (is_dynamic) GetBindings(proxies, bindings);
   const Tensors& batches = is_dynamic ? bindings : memorys_;
   for (const Port& port : inputs_) {
-    const Tensor& batch = batches.at(port.key);
+    const Tensor& batch = batches.at(port.info->name);
     GatherRows(port, proxies, batch);
     binding.BindInput(port.name.c_str(), Wrap(batch, port.type, memory));
   }
@@ -260,9 +254,9 @@ void OnnxModel::GatherRows(const Port& port,
 
 // The batch tensor that the session's output is written to.
 Tensor OnnxModel::BatchOutput(const Port& port, const Tensors& batches) const {
-  const Tensor& batch = batches.at(port.key);
+  const Tensor& batch = batches.at(port.info->name);
   if (!port.is_cache) return batch;
-  return Tensor(new_caches_.at(port.key).Data(), batch.GetShape(),
+  return Tensor(new_caches_.at(port.info->name).Data(), batch.GetShape(),
                 batch.GetDataType(), batch.GetLocation());
 }
 
@@ -277,7 +271,7 @@ void OnnxModel::ScatterRows(const Port& port, const Tensor& batch,
       Tensor corner = output;
       batch[index].PartialCopyTo(corner, {});
     }
-    Keep(port, output, *proxies[i]);
+    proxies[i]->Hold(*port.info, output);
   }
 }
 

@@ -69,19 +69,20 @@ class TARN_EXPORT OnnxModel : public BaseModel {
   // An input or output of the session, in session order.
   struct Port {
     std::string name;
-    std::string key;  // Of its batch tensor: a cache's input-side name.
+    const TensorInfo* info;  // What the description says of it.
     bool is_cache;
     ONNXTensorElementDataType type;
   };
+  // How the description is asked for what is no cache.
+  using Find = const TensorInfo* (ModelInfo::*)(const std::string& name) const;
   std::vector<Port> MakePorts(
       const std::vector<std::string>& names,
-      const std::vector<ONNXTensorElementDataType>& types) const;
+      const std::vector<ONNXTensorElementDataType>& types, Find find) const;
 
   static const Tensor& InputOf(const BaseProxy& proxy, const Port& port);
   static const Tensor& OutputOf(BaseProxy& proxy, const Port& port,
                                 Tensor& view);
   static const Tensor& RowOf(BaseProxy& proxy, const Port& port, Tensor& view);
-  static void Keep(const Port& port, const Tensor& output, BaseProxy& proxy);
   static void GatherRows(const Port& port,
                          const std::vector<BaseProxy*>& proxies, Tensor batch);
   static void ScatterRows(const Port& port, const Tensor& batch,
