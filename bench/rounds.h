@@ -18,6 +18,11 @@ inline int RoundNum(int full) {
   return std::getenv("TARN_BENCH_QUICK") == nullptr ? full : 2;
 }
 
+// Whether to run the library's side alone, for a profile of it.
+inline bool IsProfile() {
+  return std::getenv("TARN_BENCH_PROFILE") != nullptr;
+}
+
 // The seconds that `count` calls of `action` take.
 template <typename Action>
 double SecondsOf(int count, Action action) {
@@ -44,9 +49,9 @@ class Rounds {
   // The sides take turns in going first.
   template <typename Library, typename Base>
   void Run(Library library, Base base) {
-    const bool library_first = ratio_.size() % 2 == 0;
+    const bool library_first = IsProfile() || ratio_.size() % 2 == 0;
     if (library_first) library_.push_back(library());
-    base_.push_back(base());
+    base_.push_back(IsProfile() ? library_.back() : base());
     if (!library_first) library_.push_back(library());
     ratio_.push_back(library_.back() / base_.back());
     difference_.push_back(library_.back() - base_.back());

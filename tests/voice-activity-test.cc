@@ -39,17 +39,32 @@ std::string VoiceActivity(const std::string& arguments) {
   return TARN_EMULATOR " " TARN_VOICE_ACTIVITY " " + arguments;
 }
 
+// Writes what is found in the clips to the file.
+void FindSpeech(const std::string& options, const TempFile& result) {
+  const std::string clips = " " TARN_VOICE_ACTIVITY_DIR "/clips/*";
+  const Outcome outcome =
+      RunCommand(VoiceActivity(options + " --json " + kConfig + " " + kNetwork +
+                               clips + " >" + result.path()));
+  ASSERT_EQ(outcome.status, 0) << outcome.text;
+}
+
+Outcome RunTool(const std::string& command) {
+  return RunCommand(TARN_PYTHON " " TARN_TOOLS "/" + command);
+}
+
 TEST(VoiceActivityTest, FindsTheSpeechInTheClips) {
   const TempFile result("");
-  const std::string clips = " " TARN_VOICE_ACTIVITY_DIR "/clips/*";
-  ASSERT_EQ(RunCommand(VoiceActivity("--json " + kConfig + " " + kNetwork +
-                                     clips + " >" + result.path()))
-                .status,
-            0);
-  const Outcome score = RunCommand(
-      TARN_PYTHON " " TARN_TOOLS "/score-voice-activity.py --at-least 0.9 " +
-      result.path() + " " TARN_VOICE_ACTIVITY_DIR "/truth.json");
+  FindSpeech("", result);
+  const Outcome score =
+      RunTool("score-voice-activity.py --at-least 0.9 " + result.path() +
+              " " TARN_VOICE_ACTIVITY_DIR "/truth.json");
   EXPECT_EQ(score.status, 0) << score.text;
+  const TempFile shared_threads("");
+  FindSpeech("--threads 2 --streams 30", shared_threads);
+  const Outcome difference = RunTool("compare-voice-activity.py " +
+                                     result.path() + " " +
+                                     shared_threads.path());
+  EXPECT_EQ(difference.status, 0) << difference.text;
 }
 
 TEST(VoiceActivityTest, SaysWhatIsWrongWithItsInput) {
@@ -63,6 +78,8 @@ TEST(VoiceActivityTest, SaysWhatIsWrongWithItsInput) {
   } kCases[] = {
       {kConfig + " " + kNetwork + " /missing.wav",
        "File does not exist: /missing.wav"},
+      {"--streams 1 " + kConfig + " " + kNetwork + " " + clip + " " + clip,
+       "there are fewer streams than files"},
       {"/missing.conf " + kNetwork + " " + clip,
        "File does not exist: /missing.conf"},
       {kConfig + " " + kNetwork + " " + text.path(),

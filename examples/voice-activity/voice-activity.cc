@@ -1,9 +1,11 @@
 // Finds the speech in audio files: every file is a stream of its own, and all
-// streams run at once through one model, which computes them in batches.
+// streams run at once through one model, which computes them in batches. Each
+// stream has its own thread, or a few threads share them.
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -29,12 +31,6 @@ constexpr float kOffset = 0.35F;
 constexpr int kShortestSpeech = 10;
 constexpr int kShortestPause = 20;
 constexpr double kHop = static_cast<double>(kSamplesPerFrame) / kSampleRate;
-
-struct Stream {
-  AudioFile audio;
-  std::vector<float> probabilities;  // One per frame.
-  bool failed = false;
-};
 
 // The frames of a stretch of speech.
 struct Segment {
@@ -78,29 +74,79 @@ std::unique_ptr<tarn::Model> LoadModel(const std::string& config,
   return model;
 }
 
-// Sends a stream through the model chunk by chunk, with silence behind its end
+// Sends a file through the model chunk by chunk, with silence behind its end
 // until the network has told about its last frame.
-void RunStream(tarn::Proxy& proxy, Stream& stream) {
-  const std::vector<int> shape = proxy.GetInputShape("audio");
-  const size_t chunk = static_cast<size_t>(shape[0]);
-  const size_t frames =
-      (stream.audio.samples.size() + kSamplesPerFrame - 1) / kSamplesPerFrame;
-  std::vector<float>& probabilities = stream.probabilities;
-  stream.audio.samples.resize((frames + kLookAhead) * kSamplesPerFrame + chunk);
-  for (size_t begin = 0; probabilities.size() < frames + kLookAhead;
-       begin += chunk) {
-    tarn::Tensor audio = proxy.CreateInput("audio", shape);
-    std::copy_n(&stream.audio.samples[begin], chunk, audio.Data<float>());
-    proxy.SetInput("audio", audio);
-    stream.failed = !proxy.Inference();
-    if (stream.failed) return;  // The log says why.
-    const tarn::Tensor& output = proxy.GetOutput("probability");
-    probabilities.insert(probabilities.end(), output.Data<float>(),
-                         output.Data<float>() + output.GetElementNum());
+class Stream {
+ public:
+  Stream(tarn::Model& model, const AudioFile& audio)
+      : proxy_(model.NewProxy()),
+        shape_(proxy_->GetInputShape("audio")),
+        audio_(&audio),
+        frames_((audio.samples.size() + kSamplesPerFrame - 1) /
+                kSamplesPerFrame) {}
+
+  const AudioFile& audio() const { return *audio_; }
+  tarn::Proxy* proxy() const { return proxy_.get(); }
+  bool failed() const { return failed_; }
+  bool IsOver() const {
+    return failed_ || probabilities_.size() >= kLookAhead + frames_;
   }
-  probabilities.erase(probabilities.begin(),
-                      probabilities.begin() + kLookAhead);
-  probabilities.resize(frames);
+
+  // Prepares the next request.
+  void Fill() {
+    tarn::Tensor chunk = proxy_->CreateInput("audio", shape_);
+    const std::vector<float>& samples = audio_->samples;
+    const size_t size = chunk.GetElementNum();
+    const size_t begin = std::min(position_, samples.size());
+    const size_t count = std::min(size, samples.size() - begin);
+    float* const rest =
+        std::copy_n(samples.data() + begin, count, chunk.Data<float>());
+    std::fill_n(rest, size - count, 0.0F);
+    position_ += size;
+    proxy_->SetInput("audio", chunk);
+  }
+
+  // Takes its result.
+  void Read() {
+    failed_ = !proxy_->HasOutput("probability");
+    if (failed_) return;  // The log says why.
+    const tarn::Tensor& output = proxy_->GetOutput("probability");
+    probabilities_.insert(probabilities_.end(), output.Data<float>(),
+                          output.Data<float>() + output.GetElementNum());
+  }
+
+  // One per frame, when the stream is over.
+  std::vector<float> Probabilities() const {
+    const auto first = probabilities_.begin() + kLookAhead;
+    return {first, first + static_cast<std::ptrdiff_t>(frames_)};
+  }
+
+ private:
+  std::unique_ptr<tarn::Proxy> proxy_;
+  std::vector<int> shape_;
+  const AudioFile* audio_;
+  size_t frames_;
+  size_t position_ = 0;  // In samples.
+  std::vector<float> probabilities_;
+  bool failed_ = false;
+};
+
+// Runs some streams in this thread, a chunk of each at a time.
+void RunTogether(std::vector<Stream*> streams) {
+  while (true) {
+    streams.erase(
+        std::remove_if(streams.begin(), streams.end(),
+                       [](const Stream* stream) { return stream->IsOver(); }),
+        streams.end());
+    if (streams.empty()) return;
+    std::vector<tarn::Proxy*> proxies;
+    for (Stream* stream : streams) {
+      stream->Fill();
+      proxies.push_back(stream->proxy());
+    }
+    tarn::Inference(proxies);
+    for (Stream* stream : streams) stream->Read();
+  }
 }
 
 // Speech begins at kOnset and lasts down to kOffset. What is too short for
@@ -124,48 +170,63 @@ std::vector<Segment> FindSegments(const std::vector<float>& probabilities) {
 }
 
 nlohmann::json Describe(const Stream& stream) {
-  const auto first = stream.probabilities.begin();
+  const AudioFile& audio = stream.audio();
+  const std::vector<float> probabilities = stream.Probabilities();
+  const auto first = probabilities.begin();
   nlohmann::json segments = nlohmann::json::array();
-  for (const Segment& segment : FindSegments(stream.probabilities)) {
+  for (const Segment& segment : FindSegments(probabilities)) {
     const double end = static_cast<double>(segment.end - first) * kHop;
     const double sum = std::accumulate(segment.begin, segment.end, 0.0);
     segments.push_back(
         {{"start", static_cast<double>(segment.begin - first) * kHop},
-         {"end", std::min(end, stream.audio.duration)},
+         {"end", std::min(end, audio.duration)},
          {"probability",
           sum / static_cast<double>(segment.end - segment.begin)}});
   }
-  return {{"path", stream.audio.path},
-          {"sample_rate", stream.audio.sample_rate},
-          {"duration", stream.audio.duration},
+  return {{"path", audio.path},
+          {"sample_rate", audio.sample_rate},
+          {"duration", audio.duration},
           {"hop", kHop},
           {"segments", segments},
-          {"probabilities", stream.probabilities}};
+          {"probabilities", probabilities}};
 }
 
-nlohmann::json RunStreams(tarn::Model& model, std::vector<Stream>& streams) {
-  BatchCounter counter;
-  tarn::SetObserver(&model, &counter);
+// Lets that many threads share the streams. Returns the seconds it took.
+double RunStreams(std::vector<Stream>& streams, size_t thread_num) {
+  std::vector<std::vector<Stream*>> groups(
+      std::min(thread_num, streams.size()));
+  for (size_t i = 0; i < streams.size(); ++i) {
+    groups[i % groups.size()].push_back(&streams[i]);
+  }
   const auto begin = std::chrono::steady_clock::now();
   std::vector<std::thread> threads;
-  for (Stream& stream : streams) {
-    threads.emplace_back([&model, &stream] {
-      const std::unique_ptr<tarn::Proxy> proxy(model.NewProxy());
-      RunStream(*proxy, stream);
-    });
-  }
+  for (const auto& group : groups) threads.emplace_back(RunTogether, group);
   for (std::thread& thread : threads) thread.join();
-  const std::chrono::duration<double> took =
-      std::chrono::steady_clock::now() - begin;
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin)
+      .count();
+}
+
+// Runs so many streams, each of one of the files, which take turns.
+nlohmann::json Run(tarn::Model& model, const std::vector<AudioFile>& files,
+                   size_t stream_num, size_t thread_num) {
+  BatchCounter counter;
+  tarn::SetObserver(&model, &counter);
+  std::vector<Stream> streams;
+  for (size_t i = 0; i < stream_num; ++i) {
+    streams.emplace_back(model, files[i % files.size()]);
+  }
+  const double seconds = RunStreams(streams, thread_num);
   tarn::SetObserver(&model, nullptr);
   nlohmann::json report = {{"mean_batch_size", counter.Mean()}};
   double duration = 0;
   for (const Stream& stream : streams) {
-    if (stream.failed) throw std::runtime_error(stream.audio.path + ": failed");
-    report["files"].push_back(Describe(stream));
-    duration += stream.audio.duration;
+    const AudioFile& audio = stream.audio();
+    if (stream.failed()) throw std::runtime_error(audio.path + ": failed");
+    duration += audio.duration;
+    const bool is_first = report["files"].size() < files.size();
+    if (is_first) report["files"].push_back(Describe(stream));
   }
-  report["real_time_factor"] = took.count() / duration;
+  report["real_time_factor"] = seconds / duration;
   return report;
 }
 
@@ -193,6 +254,8 @@ int main(int argc, char** argv) {
   std::string config;
   std::string network;
   std::vector<std::string> paths;
+  size_t thread_num = 0;
+  size_t stream_num = 0;
   bool json = false;
   app.add_option("config", config, "Configuration file of the model")
       ->required()
@@ -203,15 +266,26 @@ int main(int argc, char** argv) {
   app.add_option("audio", paths, "Audio files of 8 or 16 kHz")
       ->required()
       ->check(CLI::ExistingFile);
+  app.add_option("--threads", thread_num,
+                 "Threads that share the streams (default: one for each)")
+      ->check(CLI::PositiveNumber);
+  app.add_option("--streams", stream_num,
+                 "Streams, which take the files in turns (default: one each)")
+      ->check(CLI::PositiveNumber);
   app.add_flag("--json", json, "Print JSON, with every frame's probability");
   CLI11_PARSE(app, argc, argv);
   try {
-    std::vector<Stream> streams;
+    std::vector<AudioFile> files;
     for (const std::string& path : paths) {
-      streams.push_back({ReadAudioFile(path), {}, false});
+      files.push_back(ReadAudioFile(path));
     }
+    if (stream_num == 0) stream_num = files.size();
+    if (stream_num < files.size()) {
+      throw std::runtime_error("there are fewer streams than files");
+    }
+    if (thread_num == 0) thread_num = stream_num;
     const auto model = LoadModel(config, network);
-    const nlohmann::json report = RunStreams(*model, streams);
+    const nlohmann::json report = Run(*model, files, stream_num, thread_num);
     if (json) {
       std::cout << report.dump(1) << "\n";
     } else {

@@ -71,7 +71,7 @@ void BaseModel::Inference(BaseProxy* proxy) {
 // The proxy belongs to the inference thread from Push() until that thread
 // notifies it, which ends Wait().
 void BaseModel::HandToInferThread(BaseProxy* proxy) {
-  CheckMayWait("Inference");
+  CheckMayWait();
   Submit(proxy);
   proxy->Wait();
 }
@@ -81,9 +81,9 @@ void BaseModel::Submit(BaseProxy* proxy) {
   queue_->Push(proxy, BatchSize());
 }
 
-void BaseModel::CheckMayWait(const char* function) const {
+void BaseModel::CheckMayWait() const {
   if (std::this_thread::get_id() != thread_.get_id()) return;
-  TARN_LOG_AS(FATAL, function)
+  TARN_LOG_AS(FATAL, "Inference")
       << "the inference thread can't wait for an inference.";
 }
 
@@ -124,7 +124,7 @@ void BaseModel::InferAll(const std::vector<BaseProxy*>& proxies) {
     for (BaseProxy* proxy : proxies) ComputeHere(proxy);
     return;
   }
-  if (HasInferThread()) CheckMayWait("Inference");
+  if (HasInferThread()) CheckMayWait();
   Observe(InferenceObserver::QUEUED, proxies);
   const size_t count =
       queue_->Push(proxies, HasInferThread() ? BatchSize() : kWakeNobody);

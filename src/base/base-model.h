@@ -135,7 +135,7 @@ class TARN_EXPORT BaseModel : public Model {
   void ComputeWithOtherCallers(BaseProxy* proxy);
   void ComputeHere(BaseProxy* proxy);
   void ComputeQueued(size_t count);
-  void CheckMayWait(const char* function) const;
+  void CheckMayWait() const;
   void Serve(unsigned int batch_size, unsigned int interval);
   bool IsStopped() const;
 };
