@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -167,7 +168,8 @@ void Compare(benchmark::State& state, const Network& network, int batches,
 void Threads(benchmark::State& state, const std::string& name, int batches) {
   Network network(TARN_BENCH_MODELS "/" + name);
   // While one half is computed, the other half comes back.
-  if (state.range(0) >= kMaxBatch) network.options.dynamic_dims = "batch:1-32";
+  const int64_t half = std::max(state.range(0) / 2, int64_t{1});
+  network.options.dynamic_dims = "batch:1-" + std::to_string(half);
   Compare(state, network, batches, MeasureThreads);
 }
 

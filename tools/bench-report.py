@@ -16,6 +16,8 @@ import os
 import pathlib
 import sys
 
+from matplotlib import pyplot
+
 
 @dataclasses.dataclass
 class Goal:
@@ -63,9 +65,7 @@ GOALS = (
         each("Together/gru_1x64", *STREAMS),
         at_least=True,
     ),
-    Goal(
-        TOGETHER, "ratio", 0.06, each("Together/add", *STREAMS), at_least=True
-    ),
+    Goal(TOGETHER, "ratio", 0.06, each("Together/add", *STREAMS), at_least=True),
     Goal(
         "streams of one thread",
         "library",
@@ -280,66 +280,22 @@ def plots_of(results):
     }
 
 
-WIDTH, HEIGHT = 640, 360
-LEFT, RIGHT, TOP, BOTTOM = 80, 20, 40, 60
-COLOURS = ("#666666", "#0b6fb8", "#c2571a")
-
-
-def nice_step(top):
-    """A step of 1, 2 or 5 times a power of ten: at most five up to `top`."""
-    power = 10 ** math.floor(math.log10(top / 5))
-    return next(m * power for m in (1, 2, 5, 10) if top <= 5 * m * power)
-
-
-def text_at(x, y, content, anchor="middle"):
-    return f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}">{content}</text>'
-
-
-def svg(plot):
+def draw(plot, path):
     """A line chart: logarithmic to the right, upwards from zero."""
-    points = [point for line in plot.lines.values() for point in line]
-    x_min, x_max = (math.log2(f(x for x, _ in points)) for f in (min, max))
-    y_step = nice_step(max(y for _, y in points))
-    y_top = y_step * math.ceil(max(y for _, y in points) / y_step)
-
-    def x_of(x):
-        part = (math.log2(x) - x_min) / (x_max - x_min)
-        return LEFT + part * (WIDTH - LEFT - RIGHT)
-
-    def y_of(y):
-        return HEIGHT - BOTTOM - y / y_top * (HEIGHT - TOP - BOTTOM)
-
-    yield (
-        f'<svg xmlns="http://www.w3.org/2000/svg" '
-        f'viewBox="0 0 {WIDTH} {HEIGHT}" font-family="sans-serif" '
-        f'font-size="12">'
-    )
-    yield f'<rect width="{WIDTH}" height="{HEIGHT}" fill="white"/>'
-    yield text_at(WIDTH / 2, 20, plot.title)
-    yield text_at((LEFT + WIDTH) / 2, HEIGHT - 22, plot.x_label)
-    yield text_at(10, TOP - 10, plot.y_label, "start")
-    for i in range(round(y_top / y_step) + 1):
-        y = i * y_step
-        yield (
-            f'<path d="M{LEFT} {y_of(y):.1f}H{WIDTH - RIGHT}" stroke="#dddddd"/>'
-        )
-        yield text_at(LEFT - 8, y_of(y) + 4, text_of(y), "end")
-    for x in sorted({x for x, _ in points}):
-        yield text_at(x_of(x), HEIGHT - BOTTOM + 18, f"{x:,.0f}")
-    for i, (name, line) in enumerate(plot.lines.items()):
-        path = " ".join(f"{x_of(x):.1f},{y_of(y):.1f}" for x, y in line)
-        yield (
-            f'<polyline points="{path}" fill="none" stroke="{COLOURS[i]}" '
-            f'stroke-width="2"/>'
-        )
-        x = LEFT + i * (WIDTH - LEFT) / len(plot.lines)
-        yield f'<path d="M{x} {HEIGHT - 9}h20" stroke="{COLOURS[i]}"/>'
-        yield text_at(x + 26, HEIGHT - 5, name, "start")
-    yield "</svg>"
-
-
-def write(path, lines):
-    path.write_text("\n".join(lines) + "\n", encoding="utf-8")
+    pyplot.rcParams["svg.fonttype"] = "none"
+    figure, axes = pyplot.subplots(figsize=(7, 4), layout="constrained")
+    for name, line in plot.lines.items():
+        axes.plot(*zip(*line), marker="o", label=name)
+    axes.set(title=plot.title, xlabel=plot.x_label, ylabel=plot.y_label)
+    axes.set_xscale("log", base=2)
+    axes.set_xticks(sorted({x for line in plot.lines.values() for x, _ in line}))
+    axes.xaxis.set_major_formatter("{x:,.0f}")
+    axes.yaxis.set_major_formatter("{x:,.0f}")
+    axes.set_ylim(bottom=0)
+    axes.grid(alpha=0.3)
+    axes.legend()
+    figure.savefig(path, metadata={"Date": None})
+    pyplot.close(figure)
 
 
 def main():
@@ -350,14 +306,13 @@ def main():
     missing = {name for goal in GOALS for name in goal.benchmarks}
     missing -= results.keys()
     if missing:
-        sys.exit(
-            f"{directory}: expected results of {', '.join(sorted(missing))}"
-        )
+        sys.exit(f"{directory}: expected results of {', '.join(sorted(missing))}")
     plots = plots_of(results)
     for name, plot in plots.items():
-        write(directory / name, svg(plot))
+        draw(plot, directory / name)
     titles = {name: plot.title for name, plot in plots.items()}
-    write(directory / "report.md", report(results, contexts, titles))
+    lines = report(results, contexts, titles)
+    (directory / "report.md").write_text("\n".join(lines) + "\n", encoding="utf-8")
 
 
 if __name__ == "__main__":

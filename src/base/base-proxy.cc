@@ -408,6 +408,12 @@ bool BaseProxy::EndRequest() {
   return has_outputs;
 }
 
+void BaseProxy::CancelRequest() {
+  in_flight_.store(false, std::memory_order_release);
+}
+
+void BaseProxy::DropOutputs() { DropAll(info_->outputs()); }
+
 void BaseProxy::SetDone(std::function<void(Proxy*, bool)> done) {
   done_ = std::move(done);
 }
@@ -430,6 +436,14 @@ void BaseProxy::ZeroCaches() {
     Tensor(cache).Zeros();
     Hold(info, cache);
   }
+}
+
+const Tensor* BaseProxy::Held(const TensorInfo& info) const {
+  return slots_[info.slot].held;
+}
+
+void BaseProxy::Hold(const TensorInfo& info, const Tensor& tensor) {
+  slots_[info.slot].Hold(tensor);
 }
 
 bool BaseProxy::HoldsAny(const std::vector<TensorInfo>& infos) const {

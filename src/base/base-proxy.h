@@ -161,35 +161,11 @@ class TARN_EXPORT BaseProxy : public Proxy {
   Tensor CreateOutput(const std::string& name, const std::vector<int>& shape);
   Tensor CreateCache(const std::string& name, const std::vector<int>& shape);
 
-  // The two ends of a request, for what runs requests: the checks and steps
-  // before the model has it, and those after. A proxy has one at a time: FATAL
-  // for a second one, and for a missing input. EndRequest() returns whether
-  // there are outputs.
-  void BeginRequest();
-  bool EndRequest();
-  // Instead of EndRequest() for a request that was not computed; the inputs
-  // stay.
-  void CancelRequest() { in_flight_.store(false, std::memory_order_release); }
+  // The same for backends that look names up once, not for every request, and
+  // keep the entries of the model's description.
 
-  // Tells whoever waits for the request that it has been computed: calls what
-  // SetDone() has set, once and in this thread, or else notifies the caller.
-  // The proxy may be gone when this returns.
-  void Complete();
-  void SetDone(std::function<void(Proxy*, bool)> done);
-
-  // After a failed computation of which some outputs are there.
-  void DropOutputs() { DropAll(info_->outputs()); }
-
-  // The model whose stream this is.
-  BaseModel* model() const { return model_; }
-
-  // The same for backends that remember, rather than names, what `info` of the
-  // model's description tells of.
-
-  // The tensor that is set there; null for none.
-  const Tensor* Held(const TensorInfo& info) const {
-    return slots_[info.slot].held;
-  }
+  // The tensor that is set for `info`; null for none.
+  const Tensor* Held(const TensorInfo& info) const;
   // As CreateOutput() and CreateCache() for the stream's own shape, but without
   // making a tensor where the proxy has one of that shape; `view` is the place
   // for one where it has not.
@@ -198,9 +174,29 @@ class TARN_EXPORT BaseProxy : public Proxy {
   const Tensor& CacheToFill(const TensorInfo& cache, CacheSide side,
                             Tensor& view);
   // Sets what one of these has returned.
-  void Hold(const TensorInfo& info, const Tensor& tensor) {
-    slots_[info.slot].Hold(tensor);
-  }
+  void Hold(const TensorInfo& info, const Tensor& tensor);
+
+  // The two ends of a request, for what runs requests: the checks and steps
+  // before the model has it, and those after. A proxy has one at a time: FATAL
+  // for a second one, and for a missing input. EndRequest() returns whether
+  // there are outputs.
+  void BeginRequest();
+  bool EndRequest();
+  // Instead of EndRequest() for a request that was not computed; the inputs
+  // stay.
+  void CancelRequest();
+
+  // Tells whoever waits for the request that it has been computed: calls what
+  // SetDone() has set, once and in this thread, or else notifies the caller.
+  // The proxy may be gone when this returns.
+  void Complete();
+  void SetDone(std::function<void(Proxy*, bool)> done);
+
+  // After a failed computation of which some outputs are there.
+  void DropOutputs();
+
+  // The model whose stream this is.
+  BaseModel* model() const { return model_; }
 
   // Replaces each -1 of `shape` by the size to which the dimension named at its
   // place in `format` has been fixed.

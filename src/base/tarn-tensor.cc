@@ -86,13 +86,14 @@ void Tensor::Resize(const std::vector<int>& shape, DataType data_type,
     return;  // Reached only when the log level silences fatal checks.
   }
   const unsigned int element_size = GetElementSize(data_type);
+  std::vector<int> new_shape(shape);  // Nothing may throw behind the change.
   storage_ = Allocate(shape, element_size, location);
   if (storage_ == nullptr) {
     TARN_LOG(FATAL) << "malloc memory failed with size="
                     << element_size * GetElementNum(shape) << ".";
   }
   data_ = storage_.get();
-  shape_ = shape;
+  shape_.swap(new_shape);
   data_type_ = data_type;
   location_ = location;
 }

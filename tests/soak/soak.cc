@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -492,6 +493,7 @@ int main(int argc, char** argv) {
     std::cerr << "usage: soak SECONDS [--throw]\n";
     return EXIT_FAILURE;
   }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // A fatal line must not get lost.
   SetLogLevel(FATAL);
   const std::vector<Kind> kinds = Kinds();
   const int threads = IdleThreads();
