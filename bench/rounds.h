@@ -19,9 +19,7 @@ inline int RoundNum(int full) {
 }
 
 // Whether to run the library's side alone, for a profile of it.
-inline bool IsProfile() {
-  return std::getenv("TARN_BENCH_PROFILE") != nullptr;
-}
+inline bool IsProfile() { return std::getenv("TARN_BENCH_PROFILE") != nullptr; }
 
 // The seconds that `count` calls of `action` take.
 template <typename Action>

@@ -183,12 +183,9 @@ nlohmann::json Describe(const Stream& stream) {
          {"probability",
           sum / static_cast<double>(segment.end - segment.begin)}});
   }
-  return {{"path", audio.path},
-          {"sample_rate", audio.sample_rate},
-          {"duration", audio.duration},
-          {"hop", kHop},
-          {"segments", segments},
-          {"probabilities", probabilities}};
+  return {{"path", audio.path},         {"sample_rate", audio.sample_rate},
+          {"duration", audio.duration}, {"hop", kHop},
+          {"segments", segments},       {"probabilities", probabilities}};
 }
 
 // Lets that many threads share the streams. Returns the seconds it took.
