@@ -25,7 +25,7 @@ Allocations SteadyAllocationsOf(Action action) {
 void ExpectFew(const Allocations& library, const Allocations& bare,
                int requests) {
   EXPECT_GT(bare.objects, 0) << "nothing is counted";
-  EXPECT_LE(library.objects - bare.objects, 4 * requests);
+  EXPECT_LE(library.objects - bare.objects, 2 * requests);
   EXPECT_LE(library.blocks, bare.blocks);
 }
 

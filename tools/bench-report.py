@@ -311,6 +311,8 @@ def main():
     for name, plot in plots.items():
         draw(plot, directory / name)
     titles = {name: plot.title for name, plot in plots.items()}
+    if (directory / "profile.svg").exists():  # Of scripts/bench --profile.
+        titles["profile.svg"] = "Where the time goes: flame graph"
     lines = report(results, contexts, titles)
     (directory / "report.md").write_text("\n".join(lines) + "\n", encoding="utf-8")
 
