@@ -113,7 +113,6 @@ class TARN_EXPORT ModelInfo {
   std::vector<int> GetOutputShape(const std::string& name, bool max) const;
   std::vector<int> GetCacheShape(unsigned int index, bool max) const;
   std::vector<int> GetCacheShape(const std::string& name, bool max) const;
-
   std::vector<int> Bounded(const TensorInfo& tensor, bool max) const;
 
   // The names of all dimensions.
