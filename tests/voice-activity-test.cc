@@ -61,9 +61,9 @@ TEST(VoiceActivityTest, FindsTheSpeechInTheClips) {
   EXPECT_EQ(score.status, 0) << score.text;
   const TempFile shared_threads("");
   FindSpeech("--threads 2 --streams 30", shared_threads);
-  const Outcome difference = RunTool("compare-voice-activity.py " +
-                                     result.path() + " " +
-                                     shared_threads.path());
+  const Outcome difference =
+      RunTool("compare-voice-activity.py " + result.path() + " " +
+              shared_threads.path());
   EXPECT_EQ(difference.status, 0) << difference.text;
 }
 
