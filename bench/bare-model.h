@@ -8,6 +8,8 @@
 
 #include <onnxruntime_cxx_api.h>
 
+#include "src/model/onnx-session-options.h"
+
 namespace tarn {
 
 // The other side of the comparisons: a float network run through ONNX Runtime's
@@ -15,19 +17,9 @@ namespace tarn {
 // input already in place.
 class BareModel {
  public:
-  // What the library asks for.
-  static Ort::SessionOptions Options(int num_threads) {
-    Ort::SessionOptions options;
-    options.SetIntraOpNumThreads(num_threads);
-    options.SetGraphOptimizationLevel(ORT_ENABLE_EXTENDED);
-    options.DisableCpuMemArena();
-    options.DisableMemPattern();
-    return options;
-  }
-
   // Dynamic dimensions get the size `batch_size`.
   BareModel(const std::string& path, int num_threads, int batch_size)
-      : session_(env_, path.c_str(), Options(num_threads)) {
+      : session_(env_, path.c_str(), OnnxSessionOptions(num_threads)) {
     Ort::AllocatorWithDefaultOptions allocator;
     for (size_t i = 0; i < session_.GetInputCount(); ++i) {
       inputs_.emplace_back(session_.GetInputNameAllocated(i, allocator).get(),

@@ -166,7 +166,7 @@ void LoadPeak(benchmark::State& state) {
                    const Ort::Env env(ORT_LOGGING_LEVEL_WARNING, "bare");
                    const Ort::Session session(
                        env, network.model.c_str(),
-                       BareModel::Options(network.options.num_execute_threads));
+                       OnnxSessionOptions(network.options.num_execute_threads));
                  })) /
                  file_bytes;
         });

@@ -59,12 +59,11 @@ void AdviseOnRanges(const ModelInfo& info, const Reporter& reporter) {
 
 void AdviseOnCaches(const ModelInfo& info, const Reporter& reporter) {
   std::set<std::string> inputs;
-  for (unsigned int i = 0; i < info.GetCacheNum(); ++i) {
-    const std::string& name = info.GetCacheName(i, false);
-    if (inputs.insert(name).second) continue;
+  for (const TensorInfo& cache : info.caches()) {
+    if (inputs.insert(cache.name).second) continue;
     reporter.About("caches-pair")
             .Report(WARNING, {"cache-shared", "pair it with one output"})
-        << "two caches have the input side " << name << ".";
+        << "two caches have the input side " << cache.name << ".";
   }
 }
 

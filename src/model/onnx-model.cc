@@ -5,6 +5,7 @@
 
 #include "base/base-proxy.h"
 #include "model/onnx-model-check.h"
+#include "model/onnx-session-options.h"
 #include "utils/logging.h"
 #include "utils/reporter.h"
 
@@ -50,16 +51,12 @@ OnnxModel::~OnnxModel() { StopInferThread(); }
 Model::BackEnd OnnxModel::GetBackEnd() const { return ONNX; }
 
 void OnnxModel::LoadModel(const std::string& model) {
-  Ort::SessionOptions options;
-  options.SetIntraOpNumThreads(info_->num_execute_threads());
-  options.SetGraphOptimizationLevel(ORT_ENABLE_EXTENDED);
-  options.DisableCpuMemArena();
-  options.DisableMemPattern();
   CheckOnnxDevice(device_, Reporter().As("LoadModel"));
   env_ = std::make_unique<Ort::Env>(ORT_LOGGING_LEVEL_WARNING, "tarn", OnnxLog,
                                     nullptr);
-  session_ = std::make_unique<Ort::Session>(*env_, model.data(), model.size(),
-                                            options);
+  session_ = std::make_unique<Ort::Session>(
+      *env_, model.data(), model.size(),
+      OnnxSessionOptions(info_->num_execute_threads()));
   std::vector<std::string> input_names;
   std::vector<std::string> output_names;
   std::vector<ONNXTensorElementDataType> input_types;
@@ -95,20 +92,12 @@ void OnnxModel::CheckModel(
 }
 
 void OnnxModel::AllocMemorys(std::map<std::string, Tensor>& memorys) {
-  for (unsigned int i = 0; i < info_->GetInputNum(); ++i) {
-    memorys[info_->GetInputName(i)].Resize(info_->GetInputShape(i, true),
-                                           info_->GetInputDataType(i),
-                                           Tensor::HOST);
-  }
-  for (unsigned int i = 0; i < info_->GetCacheNum(); ++i) {
-    memorys[info_->GetCacheName(i, false)].Resize(info_->GetCacheShape(i, true),
-                                                  info_->GetCacheDataType(i),
-                                                  Tensor::HOST);
-  }
-  for (unsigned int i = 0; i < info_->GetOutputNum(); ++i) {
-    memorys[info_->GetOutputName(i)].Resize(info_->GetOutputShape(i, true),
-                                            info_->GetOutputDataType(i),
-                                            Tensor::HOST);
+  for (const auto* tensors :
+       {&info_->inputs(), &info_->caches(), &info_->outputs()}) {
+    for (const TensorInfo& tensor : *tensors) {
+      memorys[tensor.name].Resize(info_->Bounded(tensor, true),
+                                  tensor.data_type, Tensor::HOST);
+    }
   }
   // A row keeps what it held behind an input that is shorter than the batch's
   // longest: zeros at first, not chance.
@@ -116,10 +105,10 @@ void OnnxModel::AllocMemorys(std::map<std::string, Tensor>& memorys) {
 }
 
 void OnnxModel::AllocNewCaches() {
-  for (unsigned int i = 0; i < info_->GetCacheNum(); ++i) {
-    const Tensor& old_cache = memorys_.at(info_->GetCacheName(i, false));
-    new_caches_[info_->GetCacheName(i, false)].Resize(
-        old_cache.GetShape(), old_cache.GetDataType(), Tensor::HOST);
+  for (const TensorInfo& cache : info_->caches()) {
+    const Tensor& old_cache = memorys_.at(cache.name);
+    new_caches_[cache.name].Resize(old_cache.GetShape(),
+                                   old_cache.GetDataType(), Tensor::HOST);
   }
 }
 

@@ -3,18 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "model/onnx-session-options.h"
+
 namespace tarn::tool {
 
 namespace {
-
-Ort::SessionOptions Options(int num_threads) {
-  Ort::SessionOptions options;
-  options.SetIntraOpNumThreads(num_threads);
-  options.SetGraphOptimizationLevel(ORT_ENABLE_EXTENDED);
-  options.DisableCpuMemArena();
-  options.DisableMemPattern();
-  return options;
-}
 
 Ort::Value Wrap(const Tensor& tensor, ONNXTensorElementDataType type,
                 const Ort::MemoryInfo& memory) {
@@ -29,7 +22,7 @@ Ort::Value Wrap(const Tensor& tensor, ONNXTensorElementDataType type,
 }  // namespace
 
 BareEngine::BareEngine(const std::string& model_path, int num_threads)
-    : session_(env_, model_path.c_str(), Options(num_threads)) {
+    : session_(env_, model_path.c_str(), OnnxSessionOptions(num_threads)) {
   Ort::AllocatorWithDefaultOptions allocator;
   for (size_t i = 0; i < session_.GetInputCount(); ++i) {
     inputs_.push_back({session_.GetInputNameAllocated(i, allocator).get(),
